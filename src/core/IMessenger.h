@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <json/value.h>
+
+#include "core/Property.h"
+
+namespace propertyservice {
+
+/// Announces changed properties to whoever listens on the bus. Every operation returns at once.
+class IMessenger {
+ public:
+  virtual ~IMessenger() = default;
+
+  /// Announces a property whose status is `Changed` to its group and, with `alsoAll`, on the all-changes
+  /// topic, sets its status to `Ok`, and returns its key and value. Any other is left alone and gives an
+  /// empty key and null.
+  virtual std::pair<std::string, Json::Value> notify(Property& property, bool alsoAll) = 0;
+
+  /// Announces each changed property to its group, then all of them in one message on the all-changes topic.
+  virtual void notifyList(std::vector<Property>& properties) = 0;
+
+  virtual void publishGroup(const std::string& group, const std::string& payload) = 0;
+  virtual void publishAll(const std::string& payload) = 0;
+};
+
+}  // namespace propertyservice

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include <json/value.h>
+
+#include "core/Status.h"
+
+namespace propertyservice {
+
+/// One configuration parameter: a JSON object whose members are named after the columns of the table
+/// `settings`, and the outcome of the last operation on it.
+///
+/// A property holds exactly the members it was given: a missing member, a null member and an empty text are
+/// three different things. "range_min", "range_max" and "flags" are JSON integers, the other columns JSON
+/// strings.
+///
+/// A value type without a lock of its own.
+class Property {
+ public:
+  using Columns = std::initializer_list<std::pair<std::string_view, std::string>>;
+
+  /// No member, JSON null, status `Ok`.
+  Property() = default;
+
+  /// Sets the columns in the order given; a later one of the same name replaces the earlier. A text that is
+  /// no 32-bit integer where one is wanted is logged as a warning and ends the construction: neither that
+  /// column nor those behind it are set.
+  explicit Property(Columns columns);
+
+  /// Takes a row in its JSON form as it is. Anything but an object gives a property without members.
+  static Property fromJson(Json::Value json);
+
+  /// The member, or null when there is none.
+  Json::Value get(std::string_view column) const { return member(column); }
+
+  /// The same without a copy. Valid until this property changes.
+  const Json::Value& member(std::string_view column) const;
+
+  /// The member as text; empty when it is missing or null. Throws `Json::LogicError` for an array or an
+  /// object.
+  std::string text(std::string_view column) const { return member(column).asString(); }
+
+  void set(std::string_view column, Json::Value value);
+  void remove(std::string_view column);
+
+  /// The whole object; null while there is no member.
+  Json::Value json() const { return json_; }
+
+  /// The same without a copy. Valid until this property changes.
+  const Json::Value& members() const { return json_; }
+
+  Status status() const { return status_; }
+  void setStatus(Status status) { status_ = status; }
+
+  /// Compares the members by name, type and value; the status takes no part.
+  bool operator==(const Property& other) const { return json_ == other.json_; }
+
+ private:
+  Json::Value json_;
+  Status status_ = Status::Ok;
+};
+
+}  // namespace propertyservice

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <memory>
+#include <queue>
+#include <string>
+#include <vector>
+
+#include "core/Property.h"
+
+namespace SQLite {
+class Database;
+class Statement;
+}  // namespace SQLite
+
+namespace propertyservice {
+
+/// The table `settings` of an SQLite database; the only code that speaks SQL.
+///
+/// Every operation throws `PersistentStorageException`, after logging it as an error where SQLite was the
+/// cause; the storage stays usable. A member that a property lacks is NULL in the table.
+///
+/// Without a lock: used by the thread that starts up, then by the write-behind worker alone.
+class PersistentStorage {
+ public:
+  explicit PersistentStorage(std::shared_ptr<SQLite::Database> database);
+  virtual ~PersistentStorage();
+
+  virtual void createTable();
+  virtual void dropTable();
+
+  virtual void insert(const Property& property);
+
+  /// Rewrites the row of the property's key: the members that the property carries replace the stored ones,
+  /// the others stay. A row that would not change is not written.
+  virtual void update(const Property& property);
+
+  /// Writes "value" of each property to the row of its key, in statements of 300 properties; keys without a
+  /// row change nothing, and within one statement the first of two equal keys wins. Takes the properties out
+  /// of the queue. When it throws, the statements before the failed one have been written, and no row of the
+  /// failed one.
+  virtual void updateValues(std::queue<Property>& properties);
+
+  /// Fills the property from the row of its "key". A NULL value is read as the empty text, any other NULL as
+  /// no member.
+  virtual void select(Property& property);
+
+  /// The rows whose key matches the LIKE pattern, in SQLite's order; without a "%" the one row with that key,
+  /// which must exist.
+  virtual std::vector<Property> selectMultiple(const std::string& keyPattern);
+
+ private:
+  void writeBatch(const std::vector<Property>& batch);
+
+  std::shared_ptr<SQLite::Database> database_;
+  const std::size_t batchSize_ = 300;
+};
+
+}  // namespace propertyservice

@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+
+namespace ipc {
+
+/// What a client of the bus is told. All calls come on the bus client's one callback thread, one at a time.
+/// An exception that leaves a call is caught by the bus client and logged as an error.
+class IIPCCallback {
+ public:
+  virtual ~IIPCCallback() = default;
+
+  /// The connection broke. The bus client is on its way to bring it back by itself.
+  virtual void connectionLost(const std::string& cause) = 0;
+
+  virtual void messageArrived(const std::string& topic, const std::string& payload) = 0;
+
+  /// The broker has acknowledged a message that this client published on `topic`.
+  virtual void deliveryComplete(const std::string& topic) = 0;
+};
+
+}  // namespace ipc
