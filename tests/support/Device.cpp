@@ -135,7 +135,7 @@ std::optional<int> Device::runToEnd(const std::vector<std::string>& options) {
 
 BusClient& Device::panel() {
   if (!panel_) {
-    panel_ = std::make_unique<BusClient>("panel", std::vector<std::string>{"prop-service-+/any"});
+    panel_ = std::make_unique<BusClient>("panel", std::vector<std::string>{"+/any"});
   }
   return *panel_;
 }
