@@ -1,0 +1,138 @@
+#include "core/Dispatcher.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+
+#include "common/JSONDefinitions.h"
+#include "common/Quote.h"
+#include "core/JsonText.h"
+#include "core/Log.h"
+#include "core/Replies.h"
+#include "core/ServiceName.h"
+#include "ipc/IPCException.h"
+
+namespace propertyservice {
+
+using namespace common::JSONDefinitions;
+
+namespace {
+
+constexpr std::size_t kLargestPayloadBytes = 1024 * 1024;
+
+struct Shutdown {
+  std::mutex mutex;
+  std::condition_variable requested;
+};
+
+/// Never destroyed: a termination may be announced until the very end of the process.
+Shutdown& shutdown() {
+  static auto* const instance = new Shutdown;
+  return *instance;
+}
+
+/// What is asked on "a/b/c" is answered on "b/c/a", what is asked on a topic without "/" nowhere.
+std::optional<std::string> replyTopic(const std::string& topic) {
+  const std::size_t slash = topic.find('/');
+  if (slash == std::string::npos) {
+    return std::nullopt;
+  }
+  return topic.substr(slash + 1) + '/' + topic.substr(0, slash);
+}
+
+bool readRequest(const std::string& payload, Json::Value& request) {
+  return payload.size() <= kLargestPayloadBytes && json::parse(payload, request) && request.isObject();
+}
+
+}  // namespace
+
+Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<IDatabaseService> database,
+                       std::unique_ptr<IDatabaseBackup> backup, std::unique_ptr<IMessenger> messenger)
+    : client_(std::move(client)),
+      database_(std::move(database)),
+      backup_(std::move(backup)),
+      messenger_(std::move(messenger)) {
+  handlers_["getV"] = [this](const Json::Value& request) { return getValue(request); };
+  handlers_["setV"] = [this](const Json::Value& request) { return setValue(request); };
+  handlers_["getColsL"] = [this](const Json::Value& request) { return getColumns(request); };
+  handlers_["setVList"] = [this](const Json::Value& request) { return setList(request); };
+  handlers_["resetVal"] = [this](const Json::Value& request) { return reset(request); };
+  handlers_["getProvDump"] = [this](const Json::Value&) { return getProvisioningDump(); };
+  handlers_["makeBackup"] = [this](const Json::Value& request) {
+    return reply::withStatus(backup_->makeBackup(request));
+  };
+  handlers_["prepareVersionChange"] = [this](const Json::Value&) {
+    return reply::withStatus(backup_->prepareVersionChange());
+  };
+  handlers_["prepareFactoryReset"] = [this](const Json::Value&) {
+    return reply::withStatus(backup_->prepareFactoryReset());
+  };
+  handlers_["makeSysdump"] = [this](const Json::Value&) { return reply::withStatus(backup_->makeSysdump()); };
+  handlers_["restore"] = [this](const Json::Value&) { return restore(); };
+}
+
+void Dispatcher::run() {
+  constexpr int kKeepSession = 0;
+  constexpr int kGreatestQos = 2;
+  try {
+    client_->subscribe(std::string("+/") + kServiceName, this);
+    client_->connect(kKeepSession, kGreatestQos, kBusHost);
+    waitForShutdown();
+    client_->disconnect();
+  } catch (const ipc::IPCException& error) {
+    logger().error() << error.what();
+    throw std::runtime_error(error.what());
+  }
+}
+
+void Dispatcher::connectionLost(const std::string& cause) {
+  logger().error() << "Connection lost due to: " << cause;
+}
+
+void Dispatcher::messageArrived(const std::string& topic, const std::string& payload) {
+  constexpr int kQos = 1;
+  const auto answerTopic = replyTopic(topic);
+  Json::Value request;
+  // A reply on the request's own topic would come back as a request, and be answered for ever.
+  if (answerTopic == topic || !readRequest(payload, request)) {
+    logger().error() << "Invalid message: " << [&] { return excerpt(payload); };
+    return;
+  }
+  const std::string text = answer(request);
+  if (answerTopic) {
+    client_->publish(*answerTopic, text, kQos);
+  }
+}
+
+void Dispatcher::deliveryComplete(const std::string& topic) {
+  logger().info() << "Delivery completed on topic " << [&] { return common::quote(topic); };
+}
+
+void Dispatcher::waitForShutdown() {
+  std::unique_lock lock(shutdown().mutex);
+  shutdown().requested.wait(lock);  // NOLINT(bugprone-spuriously-wake-up-functions): ends the service early
+}
+
+std::string Dispatcher::answer(const Json::Value& request) {
+  static const Json::Value kLivenessQuestion = "Are you alive?";
+
+  const Json::Value& name = request[PROPERTY_METHOD];
+  if (const auto handler = handlers_.find(name); handler != handlers_.end()) {
+    return handler->second(request);
+  }
+  if (request[PROPERTY_PARAM] == kLivenessQuestion) {
+    Json::Value alive;
+    alive[PROPERTY_PARAM] = "Ok";
+    return json::write(alive);
+  }
+  logger().error() << "Unknown request: " << [&] { return excerpt(json::write(name)); };
+  return reply::withStatus(Status::InvalidRequest);
+}
+
+void terminate(int /*signal*/) {
+  const std::scoped_lock lock(shutdown().mutex);
+  shutdown().requested.notify_one();
+}
+
+}  // namespace propertyservice

@@ -10,7 +10,6 @@
 #include "core/IDatabaseBackup.h"
 #include "core/IMessenger.h"
 #include "core/Property.h"
-#include "core/Status.h"
 #include "database/IDatabaseService.h"
 #include "ipc/IIPCCallback.h"
 #include "ipc/IIPCClient.h"
@@ -26,24 +25,34 @@ class Dispatcher : public ipc::IIPCCallback {
   Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<IDatabaseService> database,
              std::unique_ptr<IDatabaseBackup> backup, std::unique_ptr<IMessenger> messenger);
 
-  /// Serves requests until a termination. Throws `std::runtime_error` when the bus fails to connect or
-  /// disconnect.
+  /// Serves requests until a termination. Throws `std::runtime_error`, after logging it, when the bus fails
+  /// to subscribe, connect or disconnect.
   void run();
 
   void connectionLost(const std::string& cause) override;
+
+  /// A message that is no JSON object is logged and not answered; neither is one larger than 1 MiB, or one
+  /// whose reply would be a request again.
   void messageArrived(const std::string& topic, const std::string& payload) override;
+
   void deliveryComplete(const std::string& topic) override;
 
-  /// Blocks until `terminate` is called.
+  /// Blocks until `terminate` is called. One that was called before does not count.
   virtual void waitForShutdown();
 
  private:
   using Handler = std::function<std::string(const Json::Value& request)>;
 
+  /// The reply to a request, as text. So it is with every handler.
+  std::string answer(const Json::Value& request);
+
   // DispatcherReads.cpp
   std::string getValue(const Json::Value& request);
   std::string getColumns(const Json::Value& request);
   std::string getProvisioningDump();
+
+  /// What "getV" and "setV" are about: a property with its name under the column that the request chose.
+  static Property requestedProperty(const Json::Value& request);
 
   // DispatcherWrites.cpp
   std::string setValue(const Json::Value& request);
@@ -51,17 +60,15 @@ class Dispatcher : public ipc::IIPCCallback {
   std::string reset(const Json::Value& request);
   std::string restore();
 
-  std::string reply(const Json::Value& request);
-
   const std::shared_ptr<ipc::IIPCClient> client_;
   const std::shared_ptr<IDatabaseService> database_;
   const std::unique_ptr<IDatabaseBackup> backup_;
   const std::unique_ptr<IMessenger> messenger_;
-  std::map<Json::Value, Handler> handlers_;  // constant after construction
+  std::map<Json::Value, Handler> handlers_;  // by request name; constant after construction
 };
 
-/// Ends every `Dispatcher::waitForShutdown` that is under way. A handler for
-/// `common::signal::registerCustomHandler`.
+/// Ends a `Dispatcher::waitForShutdown` that is under way. A handler for
+/// `common::signal::registerCustomHandler`; it locks, so it must run in ordinary thread context.
 void terminate(int signal);
 
 }  // namespace propertyservice

@@ -1,0 +1,88 @@
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "common/JSONDefinitions.h"
+#include "core/Constants.h"
+#include "core/Dispatcher.h"
+#include "core/JsonText.h"
+#include "core/Log.h"
+#include "core/Replies.h"
+
+namespace propertyservice {
+
+using namespace common::JSONDefinitions;
+
+namespace {
+
+/// "key, value ,flags" names three columns, "key,,flags" an empty one between two, "" none.
+std::vector<std::string> splitColumns(std::string text) {
+  std::erase(text, ' ');
+  std::vector<std::string> columns;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find(',', start), text.size());
+    columns.emplace_back(text, start, end - start);
+    start = end + 1;
+  }
+  return columns;
+}
+
+void dropEmptyValue(Property& property) {
+  const Json::Value& value = property.member(column::kValue);
+  if (value.isNull() || value == Json::Value("")) {
+    property.remove(column::kValue);
+  }
+}
+
+}  // namespace
+
+Property Dispatcher::requestedProperty(const Json::Value& request) {
+  Property property;
+  const Json::Value& name = request[PROPERTY_PARAM];
+  const std::string field = request[PROPERTY_FIELD].asString();
+  if (field.empty()) {
+    property.set(column::kKey, name.asString());
+  } else if (field == column::kProvisioning || field == column::kWebui) {
+    property.set(field, name.asString());
+  } else {
+    logger().warning() << "Unknown field: " << excerpt(field);
+  }
+  if (const Json::Value& value = request[column::kValue.data()]; !value.empty()) {
+    property.set(column::kValue, value);
+  }
+  return property;
+}
+
+std::string Dispatcher::getValue(const Json::Value& request) {
+  Property property = requestedProperty(request);
+  database_->get(property);
+  return reply::withValue(property);
+}
+
+std::string Dispatcher::getColumns(const Json::Value& request) {
+  const std::string pattern = request[PROPERTY_PARAM].asString();
+  std::vector<Property> properties = database_->getMultiple(
+      pattern, splitColumns(request[PROPERTY_FIELDS].asString()), request[PROPERTY_FIELD].asString());
+
+  Json::Value response;
+  response[Json::StaticString(PROPERTY_PARAM)] = pattern;
+  response[Json::StaticString(PROPERTY_STATUS)] = Json::nullValue;
+  for (Property& property : properties) {
+    reply::warnIfNotFound(property);
+    dropEmptyValue(property);
+    response[Json::StaticString(PROPERTY_RESULT)].append(property.json());
+    const std::string_view status = reply::statusText(property.status());
+    response[Json::StaticString(PROPERTY_STATUS)] = Json::Value(status.data(), status.data() + status.size());
+  }
+  return json::write(response);
+}
+
+std::string Dispatcher::getProvisioningDump() {
+  Json::Value response;
+  for (const auto& [name, value] : database_->getProvisioningDump()) {
+    response[name] = value;
+  }
+  return json::write(response);
+}
+
+}  // namespace propertyservice

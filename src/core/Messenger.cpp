@@ -1,0 +1,95 @@
+#include "core/Messenger.h"
+
+#include <algorithm>
+#include <exception>
+
+#include "common/JSONDefinitions.h"
+#include "core/Constants.h"
+#include "core/JsonText.h"
+#include "core/Log.h"
+#include "core/ServiceName.h"
+
+namespace propertyservice {
+
+using namespace common::JSONDefinitions;
+
+namespace {
+
+constexpr std::uint32_t kWorkerTimeoutMs = 1000;
+
+/// The topic of a group for whoever listens.
+std::string topicOf(const std::string& group) {
+  return std::string(kServiceName) + "-" + group + "/any";
+}
+
+std::string toLowerAscii(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(), [](char byte) {
+    return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
+  });
+  return text;
+}
+
+}  // namespace
+
+Messenger::Messenger(std::shared_ptr<ipc::IIPCClient> client)
+    : client_(std::move(client)),
+      queue_(std::make_unique<common::ActiveQueue<Message>>(
+          [this](const Message& message) { publish(message); }, true, kWorkerTimeoutMs)) {}
+
+std::pair<std::string, Json::Value> Messenger::notify(Property& property, bool alsoAll) {
+  if (property.status() != Status::Changed) {
+    return {};
+  }
+  property.setStatus(Status::Ok);
+
+  const Json::Value& value = property.member(column::kValue);
+  std::string key = property.text(column::kKey);
+  if (const std::size_t dot = key.find('.'); dot != std::string::npos) {
+    Json::Value message;
+    message[Json::StaticString(PROPERTY_PARAM)] = property.member(column::kKey);
+    message[Json::StaticString(PROPERTY_VALUE)] = value;
+    publishGroup(toLowerAscii(key.substr(0, dot)), json::write(message));
+  } else {
+    logger().error() << "Wrong key: " << excerpt(key);
+  }
+
+  if (alsoAll) {
+    Json::Value message;
+    message[key] = value;
+    publishAll(json::write(message));
+  }
+  return {std::move(key), value};
+}
+
+void Messenger::notifyList(std::vector<Property>& properties) {
+  Json::Value changes;
+  for (Property& property : properties) {
+    auto [key, value] = notify(property, false);
+    if (!key.empty()) {
+      changes[key] = std::move(value);
+    }
+  }
+  if (!changes.empty()) {
+    publishAll(json::write(changes));
+  }
+}
+
+void Messenger::publishGroup(const std::string& group, const std::string& payload) {
+  queue_->push({topicOf(group), payload});
+}
+
+void Messenger::publishAll(const std::string& payload) {
+  queue_->push({topicOf("groupnotify"), payload});
+}
+
+void Messenger::publish(const Message& message) const {
+  constexpr int kQos = 1;
+  const auto& [topic, payload] = message;
+  try {
+    client_->publish(topic, payload, kQos);
+  } catch (const std::exception& error) {
+    logger().error() << "Cannot publish on topic " << excerpt(topic) << ": " << error.what();
+  }
+}
+
+}  // namespace propertyservice

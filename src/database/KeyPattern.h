@@ -1,10 +1,9 @@
 #pragma once
 
-#include <memory>
 #include <optional>
-#include <regex.h>
 #include <string>
-#include <string_view>
+
+#include "core/RegularExpression.h"
 
 namespace propertyservice {
 
@@ -22,12 +21,8 @@ class KeyPattern {
  private:
   KeyPattern() = default;
 
-  struct Release {
-    void operator()(regex_t* expression) const;
-  };
-
-  std::string literalPrefix_;  ///< What every match begins with; compared first.
-  std::unique_ptr<regex_t, Release> expression_;
+  std::string head_;  ///< What every match begins with, byte for byte; a "." stands for any byte.
+  std::optional<RegularExpression> expression_;  ///< None where the head alone decides.
 };
 
 }  // namespace propertyservice

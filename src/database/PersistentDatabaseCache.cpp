@@ -1,0 +1,155 @@
+#include "database/PersistentDatabaseCache.h"
+
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "core/Constants.h"
+#include "core/Log.h"
+#include "database/KeyPattern.h"
+
+namespace propertyservice {
+
+namespace {
+
+constexpr std::size_t kExpectedDumpSize = 4096;
+
+bool has(const Property& property, std::string_view column) {
+  return !property.member(column).isNull();
+}
+
+bool wantsAlias(const Property& property) {
+  return property.status() == Status::NotFound &&
+         (has(property, column::kProvisioning) || has(property, column::kWebui));
+}
+
+void copyValue(const Property& from, Property& to) {
+  to.set(column::kValue, from.text(column::kValue));
+}
+
+}  // namespace
+
+void PersistentDatabaseCache::load(const std::vector<Property>& rows) {
+  properties_.reserve(rows.size());
+  for (const Property& row : rows) {
+    Property& stored = properties_[row.text(column::kKey)];
+    stored = row;
+    if (has(row, column::kWebui)) {
+      byWebui_[row.text(column::kWebui)] = &stored;
+    }
+    if (has(row, column::kProvisioning)) {
+      byProvisioning_[row.text(column::kProvisioning)] = &stored;
+    }
+  }
+}
+
+void PersistentDatabaseCache::get(Property& property) {
+  try {
+    if (const Property* found = findByKey(property)) {
+      property = *found;
+    } else {
+      property.setStatus(Status::NotFound);
+    }
+    if (wantsAlias(property)) {
+      if (const Property* found = findByAlias(property)) {
+        property = *found;
+        property.setStatus(Status::Ok);
+      }
+    }
+  } catch (const std::exception& error) {
+    logger().error() << error.what();
+  }
+}
+
+void PersistentDatabaseCache::set(Property& property) {
+  try {
+    if (Property* found = findByKey(property)) {
+      copyValue(property, *found);
+    } else {
+      property.setStatus(Status::NotFound);
+    }
+    if (wantsAlias(property)) {
+      if (Property* found = findByAlias(property)) {
+        copyValue(property, *found);
+        property.setStatus(Status::Ok);
+      } else {
+        logger().error() << "Caught exception ";
+      }
+    }
+  } catch (const std::exception& error) {
+    logger().error() << error.what();
+  }
+}
+
+void PersistentDatabaseCache::reset(Property& property) {
+  property.set(column::kValue, property.text(column::kDefaultValues));
+  set(property);
+}
+
+std::vector<Property> PersistentDatabaseCache::getMultiple(const std::string& keyPattern,
+                                                           const std::string& selector) {
+  if (keyPattern.find(kSqlWildcard) != std::string::npos) {
+    return match(keyPattern, selector);
+  }
+  Property property;
+  property.set(selector.empty() ? column::kKey : selector, keyPattern);
+  get(property);
+  if (property.status() != Status::Ok) {
+    return {};
+  }
+  return {std::move(property)};
+}
+
+ProvisioningDump PersistentDatabaseCache::getProvisioningDump() {
+  ProvisioningDump dump;
+  dump.reserve(kExpectedDumpSize);
+  for (const auto& [name, property] : byProvisioning_) {
+    dump.emplace_back(name, property->text(column::kValue));
+  }
+  return dump;
+}
+
+Property* PersistentDatabaseCache::findByKey(const Property& wanted) {
+  const auto entry = properties_.find(wanted.text(column::kKey));
+  return entry != properties_.end() ? &entry->second : nullptr;
+}
+
+Property* PersistentDatabaseCache::findByAlias(const Property& wanted) {
+  const bool provisioned = has(wanted, column::kProvisioning);
+  const Index& index = provisioned ? byProvisioning_ : byWebui_;
+  const auto entry = index.find(wanted.text(provisioned ? column::kProvisioning : column::kWebui));
+  return entry != index.end() ? entry->second : nullptr;
+}
+
+std::vector<Property> PersistentDatabaseCache::match(const std::string& keyPattern,
+                                                     const std::string& selector) const {
+  const Index* const index = selector == column::kWebui          ? &byWebui_
+                             : selector == column::kProvisioning ? &byProvisioning_
+                                                                 : nullptr;
+  if (index == nullptr && !selector.empty()) {
+    logger().error() << "Wrong colunm ID in selectList (should be webui or provisioning.";
+    return {};
+  }
+  const auto pattern = KeyPattern::compile(keyPattern);
+  if (!pattern) {
+    return {};
+  }
+  std::vector<Property> matching;
+  const auto collect = [&](const std::string& name, const Property& property) {
+    if (pattern->matches(name)) {
+      matching.push_back(property);
+    }
+  };
+  if (index != nullptr) {
+    for (const auto& [name, property] : *index) {
+      collect(name, *property);
+    }
+  } else {
+    for (const auto& [key, property] : properties_) {
+      collect(key, property);
+    }
+  }
+  return matching;
+}
+
+}  // namespace propertyservice

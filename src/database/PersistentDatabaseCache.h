@@ -15,6 +15,9 @@ namespace propertyservice {
 /// thread at a time.
 class PersistentDatabaseCache {
  public:
+  PersistentDatabaseCache() = default;
+  PersistentDatabaseCache(const PersistentDatabaseCache&) = delete;
+  PersistentDatabaseCache& operator=(const PersistentDatabaseCache&) = delete;
   virtual ~PersistentDatabaseCache() = default;
 
   virtual void load(const std::vector<Property>& rows);
@@ -31,17 +34,23 @@ class PersistentDatabaseCache {
   virtual void reset(Property& property);
 
   /// The properties whose `selector` column ("key" when empty) is `keyPattern`; with a "%" in it, those that
-  /// it matches as a `KeyPattern`, which works for "key", "webui" and "provisioning". In no particular order.
+  /// it matches as a `KeyPattern`: by key when `selector` is empty, else by "webui" or "provisioning" name.
+  /// In no particular order.
   virtual std::vector<Property> getMultiple(const std::string& keyPattern, const std::string& selector);
 
   virtual ProvisioningDump getProvisioningDump();
 
  private:
-  using Index = std::unordered_map<std::string, std::string>;
+  using Properties = std::unordered_map<std::string, Property>;
+  using Index = std::unordered_map<std::string, Property*>;
 
-  std::unordered_map<std::string, Property> properties_;  // by key
-  Index keyByWebui_;
-  Index keyByProvisioning_;
+  Property* findByKey(const Property& wanted);
+  Property* findByAlias(const Property& wanted);
+  std::vector<Property> match(const std::string& keyPattern, const std::string& selector) const;
+
+  Properties properties_;  // by key
+  Index byWebui_;          // into properties_
+  Index byProvisioning_;   // into properties_
 };
 
 }  // namespace propertyservice

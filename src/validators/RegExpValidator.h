@@ -6,7 +6,8 @@ namespace propertyservice {
 
 /// Refuses a value in which the extended regular expression "regexp" matches nowhere (`RegExpError`).
 ///
-/// Compiled expressions are kept per thread, 256 at most.
+/// The compiled expression of a value that matches is kept for the next value under the same pattern, per
+/// thread, 256 at most; a mismatch releases it.
 class RegExpValidator final : public Validator {
  public:
   bool validate(Property& property) override;
