@@ -5,10 +5,10 @@
 #include <csignal>
 #include <exception>
 #include <iterator>
-#include <optional>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <poll.h>
 #include <set>
 #include <sys/socket.h>
@@ -29,18 +29,18 @@ using namespace std::chrono_literals;
 constexpr int kPort = 1883;
 
 // A connection that is silent for so long is probed with a ping, and given up when that stays unanswered for
-// as long again. libmosquitto looks at its clock when it is called, for which the idle loop wakes up.
+// as long again. libmosquitto keeps that time only while it is called, so an idle loop wakes up for it.
 constexpr int kKeepAliveSeconds = 30;
 constexpr int kIdleWakeUpMs = 10'000;
 
 constexpr auto kFirstAnswerWithin = 10s;
-constexpr auto kAnswerWithin = 3s;
+constexpr auto kAnswerWithin = 3s;  // When the connection is to come back.
 constexpr auto kShortestPause = 50ms;
 constexpr auto kLongestPause = 1s;
 constexpr auto kSteadyAfter = 5s;
 constexpr auto kLastAcknowledgementsWithin = 2s;
 
-// libmosquitto takes its own number where it has more to read or write.
+// An argument that libmosquitto checks and does not use.
 constexpr int kPackets = 1;
 
 dbg::Debug& logger() {
@@ -353,6 +353,7 @@ void MosquittoClient::connectionAnswered() {
   }
   connection_ = Connection::open;
   opened_ = true;
+  failure_.clear();
   openSince_ = Clock::now();
   changed_.notify_all();
 }
