@@ -228,7 +228,7 @@ void MosquittoClient::publish(const std::string& topic, const std::string& paylo
   if (!outbox_.hasRoomFor(topic.size() + payload.size())) {
     throw IPCException("publish on " + shown(topic) + ": too much waits for the broker");
   }
-  if (connection_ != Connection::open || !outbox_.mayDepartAtOnce()) {
+  if (connection_ != Connection::open || !outbox_.mayDepartAtOnce(qos)) {
     outbox_.wait(topic, payload, qos);
     return;
   }
@@ -271,7 +271,7 @@ MosquittoClient::Library MosquittoClient::makeLibrary(bool cleanSession) {
   mosquitto_threaded_set(raw, true);
   mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, Outbox::kMostInFlight);
+  mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, int{Outbox::kMostInFlight});
 
   mosquitto_connect_callback_set(raw, [](mosquitto*, void* self, int answer) {
     static_cast<MosquittoClient*>(self)->onConnect(answer);
