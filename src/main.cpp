@@ -1,0 +1,66 @@
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <tuple>
+#include <utility>
+
+#include "cmdlineparser/CmdLineParser.h"
+#include "common/Signal.h"
+#include "core/Dispatcher.h"
+#include "core/Init.h"
+#include "core/Log.h"
+#include "core/Messenger.h"
+#include "dbg/Debug.h"
+#include "ipc/IPCFactory.h"
+
+namespace {
+
+using namespace propertyservice;
+
+constexpr unsigned kStartLogMask = 14;
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  dbg::DebugStreamBuf::setMask(kStartLogMask);
+
+  cmdlineparser::CmdLineParser parser;
+  parser.defineCmdLineOption("force-db-init", "Force database initialization", 0);
+  parser.defineCmdLineOption("drop-state", "Drop state content at startup", 0);
+  parser.defineCmdLineOption("help", "Show the options", 0);
+  parser.defineCmdLineOption("version", "Show the version", 0);
+  if (const int error = parser.parse(argc, argv); error != 0) {
+    logger().error() << parser.getErrorString(error);
+    return EXIT_FAILURE;
+  }
+  if (parser.checkOptionPassed("help")) {
+    std::cout << "Usage: PropertyService [OPTION]...\n\n" << parser.getHelp();
+    return EXIT_SUCCESS;
+  }
+  if (parser.checkOptionPassed("version")) {
+    std::cout << "PropertyService " PROPERTYSERVICE_VERSION "\n";
+    return EXIT_SUCCESS;
+  }
+  const bool forceDbInit = parser.checkOptionPassed("force-db-init");
+  const bool dropState = parser.checkOptionPassed("drop-state");
+
+  std::shared_ptr<IDatabaseService> database;
+  std::unique_ptr<IDatabaseBackup> backup;
+  try {
+    std::tie(database, backup) = InitContext().initializeDatabases(forceDbInit, dropState);
+  } catch (const std::exception& exception) {
+    logger().error() << exception.what() << "\nCRITICAL. Database was not initialized. Exitting.";
+    return EXIT_FAILURE;
+  }
+
+  const auto client = ipc::IPCFactory::createInstanceShared("prop-service", "localhost", false);
+  Dispatcher dispatcher(client, std::move(database), std::move(backup), std::make_unique<Messenger>(client));
+
+  common::signal::registerHandler();
+  common::signal::registerCustomHandler(SIGTERM, terminate);
+
+  dispatcher.run();
+  return EXIT_SUCCESS;
+}

@@ -24,7 +24,6 @@ class InitContext {
 
  private:
   void createPersistentStorage(bool forceDbInit);
-  std::shared_ptr<IDatabaseService> createDatabaseService();
 
   const DevicePaths paths_;
   std::shared_ptr<IDatabaseService> service_;

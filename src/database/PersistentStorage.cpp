@@ -1,0 +1,330 @@
+#include "database/PersistentStorage.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <exception>
+#include <filesystem>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Exception.h>
+#include <SQLiteCpp/Statement.h>
+#include <sqlite3.h>
+
+#include "core/Constants.h"
+#include "core/Integer.h"
+#include "core/JsonText.h"
+#include "core/Log.h"
+#include "database/PersistentStorageException.h"
+
+namespace propertyservice {
+
+namespace {
+
+using Reason = PersistentStorageException::Reason;
+
+constexpr int kBusyTimeoutMs = 5000;
+
+constexpr const char* kCreate =
+    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
+    "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
+    "enum "
+    "TEXT, flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256))";
+constexpr const char* kDrop = "DROP TABLE IF EXISTS settings";
+constexpr const char* kInsert =
+    "INSERT INTO settings VALUES (:propertyName, :propertyValue, :webAliasName, :provAliasName, :tr69, "
+    ":minRange, :maxRange, :validationMask, :validationValues, :flags, :defaultValue)";
+constexpr const char* kUpdate =
+    "UPDATE settings SET value=:propertyValue, webui=:webAliasName, provisioning=:provAliasName, "
+    "tr069=:tr69, range_min=:minRange, range_max=:maxRange, regexp=:validationMask, enum=:validationValues, "
+    "flags=:flags, defaultvalues=:defaultValue WHERE key=:propertyName";
+constexpr const char* kSelectOne = "SELECT * FROM settings WHERE key = :keyName";
+constexpr const char* kSelectByPattern = "SELECT * FROM settings WHERE key LIKE :keyName";
+
+constexpr const char* kKeyParameter = ":keyName";
+
+struct ColumnParameter {
+  std::string_view column;
+  const char* parameter;
+};
+
+constexpr std::array kTextParameters = {
+    ColumnParameter{column::kKey, ":propertyName"},
+    ColumnParameter{column::kValue, ":propertyValue"},
+    ColumnParameter{column::kWebui, ":webAliasName"},
+    ColumnParameter{column::kProvisioning, ":provAliasName"},
+    ColumnParameter{column::kTr069, ":tr69"},
+    ColumnParameter{column::kRegexp, ":validationMask"},
+    ColumnParameter{column::kEnum, ":validationValues"},
+    ColumnParameter{column::kDefaultValues, ":defaultValue"},
+};
+
+constexpr std::array kIntegerParameters = {
+    ColumnParameter{column::kRangeMin, ":minRange"},
+    ColumnParameter{column::kRangeMax, ":maxRange"},
+    ColumnParameter{column::kFlags, ":flags"},
+};
+
+Reason reasonOf(const std::exception& error) {
+  constexpr int kPrimaryCode = 0xff;
+  const auto* const failure = dynamic_cast<const SQLite::Exception*>(&error);
+  const bool refused = failure != nullptr && (failure->getErrorCode() & kPrimaryCode) == SQLITE_CONSTRAINT;
+  const bool unbindable = dynamic_cast<const std::logic_error*>(&error) != nullptr ||
+                          dynamic_cast<const Json::Exception*>(&error) != nullptr;
+  return refused || unbindable ? Reason::Constraint : Reason::Unavailable;
+}
+
+template <typename Operation>
+auto reportingFailure(Operation operation) {
+  try {
+    return operation();
+  } catch (const PersistentStorageException&) {
+    throw;
+  } catch (const std::exception& error) {
+    logger().error() << error.what();
+    throw PersistentStorageException(error.what(), reasonOf(error));
+  }
+}
+
+void bind(SQLite::Statement& statement, const Property& property) {
+  for (const auto& [column, parameter] : kTextParameters) {
+    if (const Json::Value& member = property.member(column); !member.isNull()) {
+      statement.bind(parameter, member.asString());
+    }
+  }
+  for (const auto& [column, parameter] : kIntegerParameters) {
+    if (const Json::Value& member = property.member(column); !member.isNull()) {
+      statement.bind(parameter, toInteger(member.asString()));
+    }
+  }
+}
+
+/// Reads the rows of a statement that selects all columns.
+class RowReader {
+ public:
+  explicit RowReader(const SQLite::Statement& statement) : statement_(statement) {
+    for (std::size_t i = 0; i < column::kText.size(); ++i) {
+      textIndexes_[i] = statement.getColumnIndex(column::kText[i].data());
+    }
+    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
+      integerIndexes_[i] = statement.getColumnIndex(column::kInteger[i].data());
+    }
+  }
+
+  void read(Property& property) const {
+    for (std::size_t i = 0; i < column::kText.size(); ++i) {
+      const SQLite::Column cell = statement_.getColumn(textIndexes_[i]);
+      if (!cell.isNull()) {
+        const char* const text = cell.getText();
+        property.set(column::kText[i], Json::Value(text, text + cell.getBytes()));
+      } else if (column::kText[i] == column::kValue) {
+        property.set(column::kValue, "");
+      }
+    }
+    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
+      const SQLite::Column cell = statement_.getColumn(integerIndexes_[i]);
+      if (!cell.isNull()) {
+        property.set(column::kInteger[i], Json::Int64{cell.getInt64()});
+      }
+    }
+  }
+
+ private:
+  const SQLite::Statement& statement_;
+  std::array<int, column::kText.size()> textIndexes_;
+  std::array<int, column::kInteger.size()> integerIndexes_;
+};
+
+/// What `member` is once it has been written to that column and read back.
+Json::Value asStored(std::string_view column, const Json::Value& member) {
+  const bool isText = std::find(column::kText.begin(), column::kText.end(), column) != column::kText.end();
+  return isText ? Json::Value(member.asString()) : Json::Value(toInteger(member.asString()));
+}
+
+/// Takes over the members that `property` carries; false when the row holds them all already.
+bool merge(const Property& property, Property& row) {
+  bool changed = false;
+  for (const std::string_view column : column::kAll) {
+    const Json::Value& member = property.member(column);
+    if (member.isNull()) {
+      continue;
+    }
+    Json::Value stored = asStored(column, member);
+    if (row.member(column) != stored) {
+      row.set(column, std::move(stored));
+      changed = true;
+    }
+  }
+  return changed;
+}
+
+Property withKey(const std::string& key) {
+  return Property({{column::kKey, key}});
+}
+
+std::string batchStatement(std::size_t size) {
+  std::ostringstream statement;
+  statement << "UPDATE " << kTableName << " SET value = (case ";
+  for (std::size_t i = 0; i < size; ++i) {
+    statement << "when key = :key" << i << " then :value" << i << ' ';
+  }
+  statement << "END) WHERE key IN (";
+  for (std::size_t i = 0; i < size; ++i) {
+    statement << (i == 0 ? "" : ",") << ":key" << i;
+  }
+  statement << ')';
+  return statement.str();
+}
+
+void writeValues(SQLite::Statement& statement, const std::vector<Property>& batch) {
+  // Bound by position, which is the order of first appearance: SQLite looks a name up by comparing it with
+  // all of them.
+  int parameter = 0;
+  for (const Property& property : batch) {
+    const Json::Value& key = property.member(column::kKey);
+    statement.bind(++parameter, key.asString());
+    statement.bind(++parameter, property.text(column::kValue));
+    logger().debug() << "Applying updated values for parameter: " << [&] { return json::write(key); };
+  }
+  statement.exec();
+}
+
+}  // namespace
+
+std::shared_ptr<SQLite::Database> openDatabase(const std::string& path) {
+  return std::make_shared<SQLite::Database>(path, SQLite::OPEN_READWRITE, kBusyTimeoutMs);
+}
+
+PersistentStorage::PersistentStorage(std::shared_ptr<SQLite::Database> database)
+    : database_(std::move(database)) {}
+
+PersistentStorage::~PersistentStorage() = default;
+
+void PersistentStorage::createTable() {
+  reportingFailure([&] { SQLite::Statement(*database_, kCreate).exec(); });
+}
+
+void PersistentStorage::dropTable() {
+  reportingFailure([&] { SQLite::Statement(*database_, kDrop).exec(); });
+}
+
+void PersistentStorage::insert(const Property& property) {
+  reportingFailure([&] {
+    SQLite::Statement statement(*database_, kInsert);
+    bind(statement, property);
+    statement.exec();
+  });
+}
+
+void PersistentStorage::update(const Property& property) {
+  reportingFailure([&] {
+    Property row = withKey(property.text(column::kKey));
+    select(row);
+    if (!merge(property, row)) {
+      return;
+    }
+    SQLite::Statement statement(*database_, kUpdate);
+    bind(statement, row);
+    statement.exec();
+  });
+}
+
+void PersistentStorage::updateValues(std::queue<Property>& properties) {
+  std::vector<Property> batch;
+  batch.reserve(std::min(properties.size(), batchSize_));
+  while (!properties.empty()) {
+    batch.push_back(std::move(properties.front()));
+    properties.pop();
+    if (batch.size() == batchSize_ || properties.empty()) {
+      writeBatch(batch);
+      batch.clear();
+    }
+  }
+}
+
+void PersistentStorage::select(Property& property) {
+  reportingFailure([&] {
+    SQLite::Statement statement(*database_, kSelectOne);
+    statement.bind(kKeyParameter, property.text(column::kKey));
+    if (!statement.executeStep()) {
+      throw PersistentStorageException("Parameter not found in query", Reason::MissingRow);
+    }
+    RowReader(statement).read(property);
+  });
+}
+
+std::vector<Property> PersistentStorage::selectMultiple(const std::string& keyPattern) {
+  std::vector<Property> rows;
+  if (keyPattern.find(kSqlWildcard) == std::string::npos) {
+    select(rows.emplace_back(withKey(keyPattern)));
+    return rows;
+  }
+  reportingFailure([&] {
+    SQLite::Statement statement(*database_, kSelectByPattern);
+    statement.bind(kKeyParameter, keyPattern);
+    const RowReader reader(statement);
+    while (statement.executeStep()) {
+      reader.read(rows.emplace_back());
+    }
+  });
+  return rows;
+}
+
+void PersistentStorage::writeBatch(const std::vector<Property>& batch) {
+  try {
+    try {
+      executeBatch(batch);
+    } catch (const SQLite::Exception& error) {
+      if (error.getExtendedErrorCode() != SQLITE_READONLY_DBMOVED) {
+        throw;
+      }
+      reopen();
+      executeBatch(batch);
+    }
+    lastBatchFailure_.clear();
+  } catch (const std::exception& error) {
+    // The writer tries again and again while the disk fails; that is one event, not one a second.
+    if (lastBatchFailure_ != error.what()) {
+      lastBatchFailure_ = error.what();
+      logger().error() << error.what();
+    }
+    throw PersistentStorageException(error.what(), reasonOf(error));
+  }
+}
+
+void PersistentStorage::executeBatch(const std::vector<Property>& batch) {
+  if (batch.size() < batchSize_) {
+    SQLite::Statement statement(*database_, batchStatement(batch.size()));
+    writeValues(statement, batch);
+    return;
+  }
+  // Kept, because preparing so long a statement takes longer than running it.
+  if (fullBatch_ == nullptr) {
+    fullBatch_ = std::make_unique<SQLite::Statement>(*database_, batchStatement(batchSize_));
+  }
+  fullBatch_->tryReset();
+  writeValues(*fullBatch_, batch);
+}
+
+void PersistentStorage::reopen() {
+  const std::string path = database_->getFilename();
+  const bool removed = !std::filesystem::exists(path);
+  if (removed) {
+    const std::string unfinished = path + ".new";
+    std::filesystem::remove(unfinished);
+    SQLite::Statement copy(*database_, "VACUUM INTO :path");
+    copy.bind(":path", unfinished);
+    copy.exec();
+    std::filesystem::rename(unfinished, path);
+  }
+  fullBatch_.reset();
+  database_ = openDatabase(path);
+  logger().warning() << "Database file was " << (removed ? "removed and is written anew: " : "replaced: ")
+                     << path;
+}
+
+}  // namespace propertyservice

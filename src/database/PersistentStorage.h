@@ -14,10 +14,14 @@ class Statement;
 
 namespace propertyservice {
 
+/// Opens an existing database file for reading and writing; waits up to 5000 ms for other processes that hold
+/// it. Throws `SQLite::Exception` when there is no such file.
+std::shared_ptr<SQLite::Database> openDatabase(const std::string& path);
+
 /// The table `settings` of an SQLite database; the only code that speaks SQL.
 ///
-/// Every operation throws `PersistentStorageException`, after logging it as an error where SQLite was the
-/// cause; the storage stays usable. A member that a property lacks is NULL in the table.
+/// Every operation throws `PersistentStorageException`, after logging it as an error unless it is just a row
+/// that is missing; the storage stays usable. A member that a property lacks is NULL in the table.
 ///
 /// Without a lock: used by the thread that starts up, then by the write-behind worker alone.
 class PersistentStorage {
@@ -37,7 +41,10 @@ class PersistentStorage {
   /// Writes "value" of each property to the row of its key, in statements of 300 properties; keys without a
   /// row change nothing, and within one statement the first of two equal keys wins. Takes the properties out
   /// of the queue. When it throws, the statements before the failed one have been written, and no row of the
-  /// failed one.
+  /// failed one. A failure that repeats the one before is not logged again.
+  ///
+  /// A database file that was removed under the connection is written anew from it; one that was replaced is
+  /// opened in its place.
   virtual void updateValues(std::queue<Property>& properties);
 
   /// Fills the property from the row of its "key". A NULL value is read as the empty text, any other NULL as
@@ -50,9 +57,13 @@ class PersistentStorage {
 
  private:
   void writeBatch(const std::vector<Property>& batch);
+  void executeBatch(const std::vector<Property>& batch);
+  void reopen();
 
   std::shared_ptr<SQLite::Database> database_;
   const std::size_t batchSize_ = 300;
+  std::unique_ptr<SQLite::Statement> fullBatch_;  ///< Prepared when one is needed.
+  std::string lastBatchFailure_;                  ///< Empty after a success.
 };
 
 }  // namespace propertyservice

@@ -1,0 +1,152 @@
+#include "common/Execute.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+
+#include "common/Descriptor.h"
+
+namespace os {
+
+namespace {
+
+using common::Descriptor;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kLargestOutputBytes = 1 << 20;
+
+/// What a pipe holds at most, so that one read empties it.
+constexpr std::size_t kPipeBytes = 64 << 10;
+
+void check(int error, const char* operation) {
+  if (error != 0) {
+    throw std::system_error(error, std::generic_category(), operation);
+  }
+}
+
+class SpawnSettings {
+ public:
+  explicit SpawnSettings(int outputDescriptor) {
+    posix_spawnattr_init(&attributes_);
+    posix_spawn_file_actions_init(&actions_);
+
+    sigset_t signals;
+    sigemptyset(&signals);
+    posix_spawnattr_setsigmask(&attributes_, &signals);
+    sigfillset(&signals);
+    posix_spawnattr_setsigdefault(&attributes_, &signals);
+    posix_spawnattr_setpgroup(&attributes_, 0);
+    posix_spawnattr_setflags(&attributes_,
+                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+
+    // The output comes first: in a process without standard input it may be descriptor 0 itself.
+    posix_spawn_file_actions_adddup2(&actions_, outputDescriptor, STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions_, STDOUT_FILENO, STDERR_FILENO);
+    posix_spawn_file_actions_addopen(&actions_, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addclosefrom_np(&actions_, STDERR_FILENO + 1);
+  }
+  SpawnSettings(const SpawnSettings&) = delete;
+  SpawnSettings& operator=(const SpawnSettings&) = delete;
+  ~SpawnSettings() {
+    posix_spawn_file_actions_destroy(&actions_);
+    posix_spawnattr_destroy(&attributes_);
+  }
+
+  pid_t startShell(const std::string& command) const {
+    std::string shell = "sh";
+    std::string option = "-c";
+    std::string text = command;
+    const std::array<char*, 4> arguments{shell.data(), option.data(), text.data(), nullptr};
+    pid_t pid = 0;
+    check(posix_spawn(&pid, "/bin/sh", &actions_, &attributes_, arguments.data(), environ),
+          "Cannot start /bin/sh");
+    return pid;
+  }
+
+ private:
+  posix_spawnattr_t attributes_;
+  posix_spawn_file_actions_t actions_;
+};
+
+/// Becomes readable when the process ends.
+int openProcess(pid_t pid) {
+  // The header of glibc 2.36 that declares pidfd_open does so for C only.
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+int waitFor(pid_t pid) {
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int remainingMs(Clock::time_point deadline) {
+  const auto remaining = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  return static_cast<int>(std::clamp<decltype(remaining)>(remaining, 0, INT_MAX));
+}
+
+/// Takes what the pipe holds. Returns false when its last writer is gone.
+bool drain(const Descriptor& pipe, std::string& output) {
+  std::array<char, kPipeBytes> chunk;
+  const ssize_t count = read(pipe.get(), chunk.data(), chunk.size());
+  if (count <= 0) {
+    return count < 0;
+  }
+  output.append(chunk.data(), std::min(static_cast<std::size_t>(count), kLargestOutputBytes - output.size()));
+  return true;
+}
+
+/// Collects output until the shell ends. Returns false when it still ran at the deadline.
+bool collect(const Descriptor& pipe, const Descriptor& process, Clock::time_point deadline,
+             std::string& output) {
+  std::array<pollfd, 2> events{{{pipe.get(), POLLIN, 0}, {process.get(), POLLIN, 0}}};
+  while (events[1].revents == 0) {
+    const int waitMs = remainingMs(deadline);
+    if (waitMs == 0) {
+      return false;
+    }
+    if (poll(events.data(), events.size(), waitMs) > 0 && events[0].revents != 0 && !drain(pipe, output)) {
+      events[0].fd = -1;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+ExecuteResult execute(const std::string& command, unsigned timeoutMs) {
+  const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::array<int, 2> ends;
+  check(pipe2(ends.data(), O_CLOEXEC) == 0 ? 0 : errno, "Cannot make a pipe");
+  const Descriptor readEnd(ends[0]);
+  Descriptor writeEnd(ends[1]);
+  fcntl(readEnd.get(), F_SETFL, O_NONBLOCK);
+
+  const pid_t shell = SpawnSettings(writeEnd.get()).startShell(command);
+  writeEnd.reset();
+  const Descriptor process(openProcess(shell));
+  const int error = process.get() < 0 ? errno : 0;
+
+  ExecuteResult result{};
+  result.timedOut = error == 0 && !collect(readEnd, process, deadline, result.output);
+  if (error != 0 || result.timedOut) {
+    kill(-shell, SIGKILL);
+  }
+  result.status = waitFor(shell);
+  check(error, "Cannot watch /bin/sh");
+  drain(readEnd, result.output);
+  return result;
+}
+
+}  // namespace os

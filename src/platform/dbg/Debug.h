@@ -74,10 +74,14 @@ class Entry {
 
 /// A log under a tag. Safe from any thread; entries of several threads never mix.
 ///
-/// Each entry goes to standard error as one line: time stamp, tag, level word, file:line, text. Line breaks
-/// and other control characters within the text are written as escapes, a line break at its end is dropped.
-/// Under systemd, that is where standard error is the journal, the journal's priority prefix stands in place
-/// of the time stamp.
+/// Each entry goes to standard error as one line: time stamp (UTC), tag, level word, file:line, text:
+///
+///     2026-11-21T08:15:30.123 PROP-SRV error core/Dispatcher:42 text
+///
+/// Control characters within the text are written as escapes (`\n`, else `\xNN`), one line break at its end
+/// is dropped. Under systemd, that is where standard error is the journal at the first entry, the journal's
+/// priority prefix stands in place of the time stamp (`<3>PROP-SRV error ...`). What standard error does not
+/// take is lost.
 class Debug {
  public:
   explicit Debug(std::string tag);

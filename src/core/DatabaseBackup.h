@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "core/DevicePaths.h"
+#include "core/IDatabaseBackup.h"
+#include "database/IDatabaseService.h"
+
+namespace propertyservice {
+
+/// Backups as text files, written by the sqlite3 shell and read back through the database service, so that
+/// every value restored passes the validators.
+///
+/// An export sees every write that was accepted before it. A restore removes its file only once the database
+/// file has the values; a power cut before that has it restored again.
+class DatabaseBackup final : public IDatabaseBackup {
+ public:
+  explicit DatabaseBackup(std::shared_ptr<IDatabaseService> database, DevicePaths paths = {});
+
+  Status makeBackup(const Json::Value& request) override;
+  Status prepareVersionChange() override;
+  Status prepareFactoryReset() override;
+  Status makeSysdump() override;
+  Status restore(const RestoredCallback& restored) override;
+  void restoreVersionChange() override;
+  void restoreFactoryReset() override;
+  bool versionChangeBackupExists() override;
+  bool factoryResetBackupExists() override;
+
+ private:
+  Status exportSettings(std::uint8_t mask, const std::string& path, std::string_view columns);
+  void appendDatabaseVersion(const std::string& path);
+  Status restoreFromFile(const std::string& path, const RestoredCallback& restored);
+
+  std::string getDatabaseVersion();
+  void waitForWriter();
+  std::string backupPath(std::string_view name) const;
+
+  const std::shared_ptr<IDatabaseService> database_;
+  const DevicePaths paths_;
+};
+
+/// The shell command that writes `columns` of each row of `database` that has one of the flags in `mask` to
+/// the file `path`.
+std::string exportCommand(const std::string& database, std::string_view columns, std::uint8_t mask,
+                          const std::string& path);
+
+/// The shell command that appends the line with the database version to the file `path`.
+std::string stampCommand(std::string_view version, const std::string& path);
+
+}  // namespace propertyservice

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <unistd.h>
+
+namespace common {
+
+/// Owns an open file descriptor; a negative one is none.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { reset(); }
+
+  int get() const { return descriptor_; }
+
+  void reset() {
+    if (descriptor_ >= 0) {
+      close(descriptor_);
+      descriptor_ = -1;
+    }
+  }
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace common

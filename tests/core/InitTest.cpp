@@ -1,0 +1,458 @@
+#include <cstdlib>
+#include <stdexcept>
+#include <tuple>
+
+#include <SQLiteCpp/Database.h>
+
+#include "core/Init.h"
+#include "database/PersistentStorageException.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryDirectory.h"
+
+namespace propertyservice {
+namespace {
+
+using test::LogCapture;
+using test::TemporaryDirectory;
+using testing::SizeIs;
+
+constexpr char kDeviceName[] = "NET.General.DeviceNameInNetwork";
+constexpr char kRecovery[] = "State.System.General.FirmwareUpdateParametersRecovery";
+
+constexpr char kTable[] =
+    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
+    "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
+    "enum "
+    "TEXT, flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256));\n";
+
+constexpr char kRows[] =
+    "INSERT INTO settings(key, value, flags) VALUES ('NET.MAC.Address', '', 1), "
+    "('System.General.Variant.Name', '', 1), ('System.General.Variant.MajorID', '3', 1), "
+    "('System.General.Variant.MinorID', '', 1), ('System.General.ExperimentalFeatures', '', 1), "
+    "('System.General.SoftwareVersion', '', 1), ('System.General.UserAgent', '', 1), "
+    "('WebUI.PhoneModel', '', 1), ('System.Debug.LevelMask.PROP-SRV', '30', 0), "
+    "('NET.General.DeviceNameInNetwork', 'Halcyon', 0), ('NVM.Version', '17', 0), "
+    "('A', 'from script', 8), ('B', 'from script', 24);\n";
+
+DevicePaths pathsIn(const TemporaryDirectory& directory) {
+  DevicePaths paths;
+  paths.database = directory.path("nvm");
+  paths.creationScript = directory.path("nvminit.sql");
+  paths.volatileStore = directory.path("stateCache");
+  paths.model = directory.path("model");
+  paths.version = directory.path("version");
+  paths.macAddress = directory.path("address");
+  paths.kernelCommandLine = directory.path("cmdline");
+  paths.customizations = directory.path("");
+  paths.migrations = directory.path("");
+  paths.backups = directory.path("");
+  return paths;
+}
+
+/// A device that has never been started: its system files and the creation script, and nothing else. Puts the
+/// log's mask back.
+class InitTest : public testing::Test {
+ protected:
+  InitTest() {
+    writeScript(kRows);
+    directory_.write("model", "Halcyon 5 ADV\n");
+    directory_.write("version", "1.2.3\n");
+    directory_.write("address", "00:1a:2b:3c:4d:5e\n");
+    directory_.write("cmdline", "quiet\n");
+  }
+
+  ~InitTest() override { dbg::DebugStreamBuf::setMask(maskBefore_); }
+
+  /// Starts the device; one that runs is shut down first.
+  void start(bool forceDbInit = false, bool dropState = false) {
+    shutDown();
+    std::tie(service_, backup_) = InitContext(paths_).initializeDatabases(forceDbInit, dropState);
+  }
+
+  void shutDown() {
+    backup_.reset();
+    service_.reset();
+  }
+
+  std::string valueOf(const std::string& key) {
+    Property property({{column::kKey, key}});
+    service_->get(property);
+    return property.status() == Status::Ok ? property.text(column::kValue) : "(not found)";
+  }
+
+  Status set(const std::string& key, const std::string& value) {
+    Property property({{column::kKey, key}, {column::kValue, value}});
+    service_->set(property);
+    return property.status();
+  }
+
+  /// What the database file holds at this moment.
+  std::string storedValueOf(const std::string& key) const {
+    return SQLite::Database(paths_.database)
+        .execAndGet("SELECT value FROM settings WHERE key = '" + key + "'")
+        .getString();
+  }
+
+  void writeScript(const std::string& rows) {
+    directory_.write("nvminit.sql", "BEGIN;\n" + std::string(kTable) + rows + "COMMIT;\n");
+  }
+
+  void appendToScript(const std::string& rows) { writeScript(kRows + rows); }
+
+  bool exists(const std::string& name) const { return std::filesystem::exists(directory_.path(name)); }
+
+  const unsigned maskBefore_ = dbg::DebugStreamBuf::mask();
+  const TemporaryDirectory directory_;
+  const DevicePaths paths_ = pathsIn(directory_);
+  std::shared_ptr<IDatabaseService> service_;
+  std::unique_ptr<IDatabaseBackup> backup_;
+};
+
+TEST_F(InitTest, buildsAMissingDatabaseFromItsScript) {
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+}
+
+TEST_F(InitTest, opensAnExistingDatabaseAsItIs) {
+  start();
+  set("A", "changed");
+  shutDown();
+  std::filesystem::remove(paths_.creationScript);
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "changed");
+}
+
+TEST_F(InitTest, runsNoShellForAnExistingDatabase) {
+  start();
+  shutDown();
+  const std::string ran = directory_.path("ran");
+  std::filesystem::create_directory(directory_.path("bin"));
+  std::filesystem::permissions(directory_.write("bin/sqlite3", "#!/bin/sh\n: > " + ran + "\n"),
+                               std::filesystem::perms::owner_all);
+  const std::string pathBefore = std::getenv("PATH");
+  setenv("PATH", (directory_.path("bin") + ":" + pathBefore).c_str(), 1);
+
+  start();
+
+  setenv("PATH", pathBefore.c_str(), 1);
+  EXPECT_FALSE(exists("ran"));
+}
+
+TEST_F(InitTest, rebuildsTheDatabaseWhenForced) {
+  start();
+  set("A", "changed");
+  shutDown();
+
+  start(true);
+
+  EXPECT_EQ(valueOf("A"), "from script");
+}
+
+TEST_F(InitTest, keepsTheStateWhenTheDatabaseIsRebuilt) {
+  start();
+  set("State.Call", "active");
+
+  start(true);
+
+  EXPECT_EQ(valueOf("State.Call"), "active");
+}
+
+TEST_F(InitTest, keepsTheState) {
+  start();
+  set("State.Call", "active");
+
+  start();
+
+  EXPECT_EQ(valueOf("State.Call"), "active");
+}
+
+TEST_F(InitTest, dropsTheStateOnRequest) {
+  start();
+  set("State.Call", "active");
+  set("A", "changed");
+
+  start(false, true);
+
+  EXPECT_EQ(valueOf("State.Call"), "(not found)");
+  EXPECT_EQ(valueOf("A"), "changed");
+}
+
+TEST_F(InitTest, rebuildsTheDatabaseAndDropsTheStateAtOnce) {
+  start();
+  set("State.Call", "active");
+  set("A", "changed");
+
+  start(true, true);
+
+  EXPECT_EQ(valueOf("State.Call"), "(not found)");
+  EXPECT_EQ(valueOf("A"), "from script");
+}
+
+TEST_F(InitTest, throwsWithoutAScript) {
+  std::filesystem::remove(paths_.creationScript);
+
+  EXPECT_THROW(start(), std::exception);
+  EXPECT_FALSE(exists("nvm"));
+}
+
+TEST_F(InitTest, throwsForADatabaseFileThatIsNone) {
+  directory_.write("nvm", std::string(4096, 'x'));
+  LogCapture log;
+
+  EXPECT_THROW(start(), std::exception);
+}
+
+TEST_F(InitTest, throwsForAnEmptyTable) {
+  writeScript("");
+  LogCapture log;
+
+  EXPECT_THROW(start(), PersistentStorageException);
+}
+
+TEST_F(InitTest, throwsWhenThereIsNothingToLoadIntoTheCache) {
+  appendToScript(
+      "CREATE TRIGGER lose AFTER UPDATE ON settings WHEN NEW.key = 'NET.General.DeviceNameInNetwork' "
+      "BEGIN DELETE FROM settings; END;");
+
+  EXPECT_THAT([this] { start(); }, testing::ThrowsMessage<std::runtime_error>("Cannot initialize cache"));
+}
+
+TEST_F(InitTest, throwsWhenTheStateCannotBeOpened) {
+  directory_.write("stateCache", "a file where a directory should be");
+  LogCapture log;
+
+  EXPECT_THROW(start(), std::exception);
+}
+
+TEST_F(InitTest, fillsInTheDevicesParameters) {
+  start();
+
+  EXPECT_EQ(valueOf("NET.MAC.Address"), "00:1a:2b:3c:4d:5e");
+  EXPECT_EQ(valueOf("System.General.UserAgent"), "Halcyon 5 ADV/3.1.2.3;001A2B3C4D5E");
+  EXPECT_EQ(valueOf("WebUI.PhoneModel"), "1");
+  EXPECT_EQ(valueOf(kDeviceName), "Halcyon-5-3c4d5e");
+}
+
+TEST_F(InitTest, appliesTheStoredDebugLevel) {
+  appendToScript("UPDATE settings SET value = '6' WHERE key = 'System.Debug.LevelMask.PROP-SRV';");
+
+  start();
+
+  EXPECT_EQ(dbg::DebugStreamBuf::mask(), 6U);
+}
+
+TEST_F(InitTest, comesUpWithoutTheDevicesParameters) {
+  appendToScript("UPDATE settings SET value = 'Reception' WHERE key = 'NET.General.DeviceNameInNetwork';");
+  std::filesystem::remove(paths_.version);
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_THAT(log.linesWith(" Failed to initialize read only parameters."), SizeIs(1));
+}
+
+TEST_F(InitTest, throwsWhenAnUnnamedDeviceCannotBeNamed) {
+  std::filesystem::remove(paths_.version);
+  LogCapture log;
+
+  EXPECT_THROW(start(), std::runtime_error);
+}
+
+TEST_F(InitTest, takesTheDeviceNameFromACustomization) {
+  directory_.write("Update.Common.json", R"({"key":"NET.General.DeviceNameInNetwork","value":"Reception"})");
+
+  start();
+
+  EXPECT_EQ(valueOf(kDeviceName), "Reception");
+}
+
+TEST_F(InitTest, prefersTheCustomizationForTheModel) {
+  directory_.write("Update.Common.json",
+                   "{\"key\":\"A\",\"value\":\"common\"}\n\n{\"key\":\"B\",\"value\":\"common\"}\n");
+  directory_.write("Update. 5.json", "\n\n{\"key\":\"A\",\"value\":\"model\"}\n");
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "model");
+  EXPECT_EQ(valueOf("B"), "common");
+  EXPECT_EQ(storedValueOf("A"), "model");
+}
+
+TEST_F(InitTest, comesUpWithoutCustomizations) {
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_THAT(log.linesWith(" Customization files not found: "), SizeIs(2));
+}
+
+TEST_F(InitTest, throwsForAModelWithoutTheSuffix) {
+  directory_.write("model", "Halcyon 5\n");
+
+  EXPECT_THROW(start(), std::out_of_range);
+}
+
+TEST_F(InitTest, throwsForACustomizationOfAnUnknownProperty) {
+  directory_.write("Update.Common.json", R"({"key":"Unknown","value":"1"})");
+
+  EXPECT_THROW(start(), PersistentStorageException);
+}
+
+TEST_F(InitTest, throwsForACustomizationThatIsNoJson) {
+  directory_.write("Update.Common.json", "no json\n");
+
+  EXPECT_THROW(start(), PersistentStorageException);
+}
+
+TEST_F(InitTest, judgesWritesInTheOrderOfTheValidators) {
+  appendToScript(
+      "INSERT INTO settings(key, value, regexp, range_min, range_max, enum, flags) VALUES "
+      "('All', '1', '^[0-9]+$', 1, 10, '1,2', 1), ('Text', '1', '^[0-9]+$', 1, 10, '1,2', 0);");
+  start();
+
+  EXPECT_EQ(set("All", "x"), Status::ReadOnly);
+  EXPECT_EQ(set("Text", "x"), Status::RegExpError);
+  EXPECT_EQ(set("Text", "11"), Status::ValueOutOfBounds);
+  EXPECT_EQ(set("Text", "3"), Status::ValueError);
+  EXPECT_EQ(set("Text", "2"), Status::Changed);
+}
+
+TEST_F(InitTest, knowsPropertiesByTheirAliases) {
+  appendToScript("UPDATE settings SET webui = 'web.a', provisioning = 'prov.a' WHERE key = 'A';");
+  start();
+
+  EXPECT_THAT(service_->getMultiple("web.a", {}, "webui"), SizeIs(1));
+  EXPECT_THAT(service_->getMultiple("prov.a", {}, "provisioning"), SizeIs(1));
+}
+
+TEST_F(InitTest, finishesAVersionChange) {
+  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:17\n");
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "saved");
+  EXPECT_EQ(storedValueOf("A"), "saved");
+  EXPECT_EQ(valueOf(kRecovery), "yes");
+  EXPECT_FALSE(exists("sys_backup.csv"));
+}
+
+TEST_F(InitTest, finishesAFactoryReset) {
+  directory_.write("reset_backup.csv", "A;saved\nDatabaseVersion:17\n");
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "saved");
+  EXPECT_EQ(storedValueOf("A"), "saved");
+  EXPECT_EQ(valueOf(kRecovery), "(not found)");
+  EXPECT_FALSE(exists("reset_backup.csv"));
+}
+
+TEST_F(InitTest, finishesOnlyTheVersionChangeOfTwoPendingRestores) {
+  directory_.write("sys_backup.csv", "A;version change\n");
+  directory_.write("reset_backup.csv", "A;factory reset\nB;factory reset\n");
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "version change");
+  EXPECT_EQ(valueOf("B"), "from script");
+  EXPECT_FALSE(exists("sys_backup.csv"));
+  EXPECT_TRUE(exists("reset_backup.csv"));
+}
+
+TEST_F(InitTest, comesUpAfterAVersionChangeThatFailed) {
+  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:abc\n");
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_EQ(valueOf(kRecovery), "no");
+  EXPECT_TRUE(exists("sys_backup.csv"));
+}
+
+TEST_F(InitTest, triesAFailedVersionChangeAgainAtTheNextStart) {
+  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:abc\n");
+  LogCapture log;
+  start();
+  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:17\n");
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "saved");
+  EXPECT_EQ(valueOf(kRecovery), "yes");
+}
+
+TEST_F(InitTest, leavesPendingRestoresAloneWhenForced) {
+  start();
+  directory_.write("sys_backup.csv", "A;saved\n");
+  directory_.write("reset_backup.csv", "A;saved\n");
+
+  start(true);
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_EQ(valueOf(kRecovery), "(not found)");
+  EXPECT_TRUE(exists("sys_backup.csv"));
+  EXPECT_TRUE(exists("reset_backup.csv"));
+}
+
+TEST_F(InitTest, restoresThroughTwoMigrations) {
+  appendToScript("INSERT INTO settings(key, value) VALUES ('Newest', '');");
+  directory_.write("sys_backup.csv", "Old;saved\nA;saved\nDatabaseVersion:15\n");
+  directory_.write("migration_16.json", R"({"rename":[{"oldKey":"Old","newKey":"New"}]})");
+  directory_.write("migration_17.json", R"({"rename":[{"oldKey":"New","newKey":"Newest"}]})");
+
+  start();
+
+  EXPECT_EQ(valueOf("Newest"), "saved");
+  EXPECT_EQ(valueOf("A"), "saved");
+  EXPECT_EQ(valueOf(kRecovery), "yes");
+}
+
+TEST_F(InitTest, handsOutABackupThatSeesEveryWrite) {
+  start();
+  set("A", "changed");
+
+  const Status status = backup_->makeBackup(Json::Value(Json::objectValue));
+
+  EXPECT_EQ(status, Status::Ok);
+  std::ifstream file(directory_.path("user_backup.csv"));
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}),
+            "A;changed\nB;from script\nDatabaseVersion:17\n");
+}
+
+TEST_F(InitTest, handsOutABackupThatRestoresWhatItSaved) {
+  start();
+  set("A", "saved");
+  backup_->makeBackup(Json::Value(Json::objectValue));
+  set("A", "changed");
+  set("B", "changed");
+
+  const Status status = backup_->restore({});
+
+  EXPECT_EQ(status, Status::Ok);
+  EXPECT_EQ(valueOf("A"), "saved");
+  EXPECT_EQ(valueOf("B"), "from script");
+}
+
+TEST_F(InitTest, carriesSettingsOverAFactoryReset) {
+  start();
+  set("A", "changed");
+  set("B", "changed");
+  backup_->prepareFactoryReset();
+  shutDown();
+  std::filesystem::remove(paths_.database);
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_EQ(valueOf("B"), "changed");
+}
+
+}  // namespace
+}  // namespace propertyservice
