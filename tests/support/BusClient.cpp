@@ -1,0 +1,142 @@
+#include "support/BusClient.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include <mosquitto.h>
+
+#include "core/JsonText.h"
+
+namespace propertyservice::test {
+
+namespace {
+
+void check(int result, const char* what) {
+  if (result != MOSQ_ERR_SUCCESS) {
+    throw std::runtime_error(std::string(what) + ": " + mosquitto_strerror(result));
+  }
+}
+
+}  // namespace
+
+BusClient::BusClient(std::string name, const std::vector<std::string>& topics) : name_(std::move(name)) {
+  static const int initialised = mosquitto_lib_init();
+  check(initialised, "initialise the client library");
+  client_ = mosquitto_new((name_ + "-client").c_str(), true, this);
+  mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
+  mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, 65535);
+  mosquitto_connect_callback_set(client_, [](mosquitto*, void* self, int result) {
+    auto& client = *static_cast<BusClient*>(self);
+    const std::lock_guard lock(client.mutex_);
+    client.connected_ = result == 0;
+    client.changed_.notify_all();
+  });
+  mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+    auto& client = *static_cast<BusClient*>(self);
+    const std::lock_guard lock(client.mutex_);
+    --client.openSubscriptions_;
+    client.changed_.notify_all();
+  });
+  mosquitto_message_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* message) {
+    auto& client = *static_cast<BusClient*>(self);
+    const std::lock_guard lock(client.mutex_);
+    client.messages_.push_back(
+        {message->topic,
+         {static_cast<const char*>(message->payload), static_cast<std::size_t>(message->payloadlen)}});
+    client.changed_.notify_all();
+  });
+
+  check(mosquitto_connect(client_, "127.0.0.1", 1883, 60), "connect");
+  check(mosquitto_loop_start(client_), "start the loop");
+  bool ready = waitUntil([this] { return connected_; }, kPatience);
+  std::vector<std::string> all = topics;
+  all.push_back(replyTopic());
+  {
+    const std::lock_guard lock(mutex_);
+    openSubscriptions_ = static_cast<int>(all.size());
+  }
+  for (const std::string& topic : all) {
+    check(mosquitto_subscribe(client_, nullptr, topic.c_str(), 2), "subscribe");
+  }
+  ready = ready && waitUntil([this] { return openSubscriptions_ == 0; }, kPatience);
+  if (!ready) {
+    throw std::runtime_error("the broker does not answer");
+  }
+}
+
+BusClient::~BusClient() {
+  mosquitto_disconnect(client_);
+  mosquitto_loop_stop(client_, true);
+  mosquitto_destroy(client_);
+}
+
+void BusClient::publish(const std::string& topic, const std::string& payload, int qos) {
+  check(mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
+                          qos, false),
+        "publish");
+}
+
+void BusClient::sendRequest(const Json::Value& request) {
+  send(json::write(request));
+}
+
+std::string BusClient::requestText(const std::string& payload, std::chrono::milliseconds patience) {
+  const std::size_t before = received(replyTopic()).size();
+  send(payload);
+  return waitForMessages(replyTopic(), before + 1, patience) ? received(replyTopic()).at(before)
+                                                             : std::string();
+}
+
+Json::Value BusClient::request(const Json::Value& request) {
+  Json::Value reply;
+  json::parse(requestText(json::write(request)), reply);
+  return reply;
+}
+
+bool BusClient::serviceIsAlive(std::chrono::milliseconds patience) {
+  return requestText(R"({"param":"Are you alive?"})", patience) == "{\"param\":\"Ok\"}\n";
+}
+
+std::vector<std::string> BusClient::received(const std::string& topic) {
+  const std::lock_guard lock(mutex_);
+  std::vector<std::string> payloads;
+  for (const Message& message : messages_) {
+    if (message.topic == topic) {
+      payloads.push_back(message.payload);
+    }
+  }
+  return payloads;
+}
+
+std::vector<BusClient::Message> BusClient::received() {
+  const std::lock_guard lock(mutex_);
+  return messages_;
+}
+
+bool BusClient::waitForMessages(const std::string& topic, std::size_t wanted,
+                                std::chrono::milliseconds patience) {
+  return waitUntil([&] { return count(topic) >= wanted; }, patience);
+}
+
+void BusClient::forget() {
+  const std::lock_guard lock(mutex_);
+  messages_.clear();
+}
+
+void BusClient::settle() {
+  if (!serviceIsAlive(kPatience)) {
+    throw std::runtime_error("the service does not answer");
+  }
+}
+
+bool BusClient::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds patience) {
+  std::unique_lock lock(mutex_);
+  return changed_.wait_for(lock, patience, condition);
+}
+
+std::size_t BusClient::count(const std::string& topic) const {
+  return static_cast<std::size_t>(std::count_if(
+      messages_.begin(), messages_.end(), [&](const Message& message) { return message.topic == topic; }));
+}
+
+}  // namespace propertyservice::test
