@@ -11,6 +11,9 @@ namespace propertyservice::test {
 
 namespace {
 
+const std::string kQuestion = R"({"param":"Are you alive?"})";
+const std::string kAlive = "{\"param\":\"Ok\"}\n";
+
 void check(int result, const char* what) {
   if (result != MOSQ_ERR_SUCCESS) {
     throw std::runtime_error(std::string(what) + ": " + mosquitto_strerror(result));
@@ -19,7 +22,8 @@ void check(int result, const char* what) {
 
 }  // namespace
 
-BusClient::BusClient(std::string name, const std::vector<std::string>& topics) : name_(std::move(name)) {
+BusClient::BusClient(std::string name, const std::vector<std::string>& topics, int port)
+    : name_(std::move(name)) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "initialise the client library");
   client_ = mosquitto_new((name_ + "-client").c_str(), true, this);
@@ -46,7 +50,7 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics) :
     client.changed_.notify_all();
   });
 
-  check(mosquitto_connect(client_, "127.0.0.1", 1883, 60), "connect");
+  check(mosquitto_connect(client_, "127.0.0.1", port, 60), "connect");
   check(mosquitto_loop_start(client_), "start the loop");
   bool ready = waitUntil([this] { return connected_; }, kPatience);
   std::vector<std::string> all = topics;
@@ -94,7 +98,7 @@ Json::Value BusClient::request(const Json::Value& request) {
 }
 
 bool BusClient::serviceIsAlive(std::chrono::milliseconds patience) {
-  return requestText(R"({"param":"Are you alive?"})", patience) == "{\"param\":\"Ok\"}\n";
+  return requestText(kQuestion, patience) == kAlive;
 }
 
 std::vector<std::string> BusClient::received(const std::string& topic) {
@@ -124,7 +128,15 @@ void BusClient::forget() {
 }
 
 void BusClient::settle() {
-  if (!serviceIsAlive(kPatience)) {
+  const auto answers = [this] {
+    return std::count_if(messages_.begin(), messages_.end(),
+                         [](const Message& message) { return message.payload == kAlive; });
+  };
+  std::unique_lock lock(mutex_);
+  const auto before = answers();
+  lock.unlock();
+  send(kQuestion);
+  if (!waitUntil([&] { return answers() > before; }, kPatience)) {
     throw std::runtime_error("the service does not answer");
   }
 }
