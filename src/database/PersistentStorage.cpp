@@ -287,6 +287,8 @@ void PersistentStorage::writeBatch(const std::vector<Property>& batch) {
     }
     lastBatchFailure_.clear();
   } catch (const std::exception& error) {
+    // One that met a lock counts as running, and no other statement's changes are committed while it does.
+    fullBatch_.reset();
     // The writer tries again and again while the disk fails; that is one event, not one a second.
     if (lastBatchFailure_ != error.what()) {
       lastBatchFailure_ = error.what();

@@ -616,6 +616,22 @@ TEST_F(PersistentStorageTest, failsForNowWhileAReaderHoldsTheDatabase) {
   EXPECT_EQ(file.valueOf("K0"), "new");
 }
 
+TEST_F(PersistentStorageTest, bringsToTheFileWhatItTakesAfterAFullBatchMetALock) {
+  file.fill(300);
+  PersistentStorage hasty = impatient();
+  SQLite::Database other(file.path(), SQLite::OPEN_READWRITE);
+  other.exec("BEGIN IMMEDIATE");
+  std::queue<Property> batch = changes(300, "new");
+  const auto failure = failureOf([&] { hasty.updateValues(batch); });
+  other.exec("COMMIT");
+
+  const auto failureAfterwards = failureOfWrite(hasty);
+
+  EXPECT_EQ(textOf(failure), "database is locked");
+  EXPECT_EQ(textOf(failureAfterwards), "(no failure)");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+}
+
 TEST_F(PersistentStorageTest, waitsForAReaderToLetGoOfTheDatabase) {
   file.fill(1);
   std::optional<Reader> reader(file.path());
