@@ -734,6 +734,18 @@ TEST_F(PersistentStorageTest, writesIntoTheFileThatReplacedItsOwn) {
   EXPECT_EQ(file.rowsWith("old"), 2);
 }
 
+TEST_F(PersistentStorageTest, writesItsOwnFileAnewOverAnEmptyOne) {
+  file.fill(2);
+  std::filesystem::remove(file.path());
+  directory.write("nvm", "");
+
+  const auto failure = failureOfWrite(storage);
+
+  EXPECT_EQ(textOf(failure), "(no failure)");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+  EXPECT_EQ(file.rowsWith("old"), 1);
+}
+
 TEST_F(PersistentStorageTest, failsForNowWhenTheFolderWentWithTheFile) {
   const std::string folder = directory.path("folder");
   std::filesystem::create_directory(folder);
