@@ -187,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, PersistentDatabaseFaultsTest,
 class PersistentDatabasePowerCutTest : public testing::Test {
  protected:
   static constexpr int kRows = 400;  // more than a statement holds
-  static constexpr int kRounds = 4;
+  static constexpr int kRounds = 3;
 
   /// The value of a round is as long as values get; a torn one would show.
   static std::string valueOfRound(int round) {
