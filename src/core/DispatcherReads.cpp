@@ -38,12 +38,12 @@ void dropEmptyValue(Property& property) {
 
 Property Dispatcher::requestedProperty(const Json::Value& request) {
   Property property;
-  const Json::Value& name = request[PROPERTY_PARAM];
+  const std::string name = request[PROPERTY_PARAM].asString();
   const std::string field = request[PROPERTY_FIELD].asString();
   if (field.empty()) {
-    property.set(column::kKey, name.asString());
+    property.set(column::kKey, name);
   } else if (field == column::kProvisioning || field == column::kWebui) {
-    property.set(field, name.asString());
+    property.set(field, name);
   } else {
     logger().warning() << "Unknown field: " << excerpt(field);
   }
