@@ -81,6 +81,21 @@ TEST(StartUp, endsWithOneErrorLineAtAnUnknownOption) {
   EXPECT_FALSE(Device::exists(Device::kDatabase));
 }
 
+TEST(StartUp, looksForNoBrokerAfterAnUnknownOption) {
+  Device device;
+  device.broker().stop();
+
+  EXPECT_EQ(device.runToEnd({"--reset-everything"}), 1);
+}
+
+TEST(StartUp, looksForNoBrokerWithoutADatabase) {
+  Device device;
+  device.broker().stop();
+  std::filesystem::remove(Device::kScript);
+
+  EXPECT_EQ(device.runToEnd({}), 1);
+}
+
 TEST(StartUp, showsItsHelpAndStartsNothing) {
   Device device;
 
@@ -135,10 +150,11 @@ TEST(StartUp, endsWhenTheVolatileStoreCannotBeOpened) {
 
   EXPECT_EQ(device.runToEnd({}), 1);
 
-  EXPECT_EQ(
-      device.logLines("Volatile database cannot be initialized: /var/volatile/stateCache Error: ").size(),
-      1U);
-  EXPECT_EQ(device.logLines("CRITICAL. Database was not initialized. Exitting.").size(), 1U);
+  const std::vector<std::string> lines = device.logLines("PROP-SRV error");
+  ASSERT_EQ(lines.size(), 1U);
+  EXPECT_NE(lines[0].find("Volatile database cannot be initialized: /var/volatile/stateCache Error: "),
+            std::string::npos);
+  EXPECT_TRUE(lines[0].ends_with("\\nCRITICAL. Database was not initialized. Exitting."));
 }
 
 TEST(StartUp, endsAbnormallyWithoutABroker) {
