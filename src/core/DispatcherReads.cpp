@@ -71,8 +71,7 @@ std::string Dispatcher::getColumns(const Json::Value& request) {
     reply::warnIfNotFound(property);
     dropEmptyValue(property);
     response[Json::StaticString(PROPERTY_RESULT)].append(property.json());
-    const std::string_view status = reply::statusText(property.status());
-    response[Json::StaticString(PROPERTY_STATUS)] = Json::Value(status.data(), status.data() + status.size());
+    response[Json::StaticString(PROPERTY_STATUS)] = std::string(reply::statusText(property.status()));
   }
   return json::write(response);
 }
