@@ -94,7 +94,17 @@ Json::Value BusClient::request(const Json::Value& request) {
 }
 
 bool BusClient::serviceIsAlive(std::chrono::milliseconds patience) {
-  return requestText(R"({"param":"Are you alive?"})", patience) == "{\"param\":\"Ok\"}\n";
+  // The reply to an earlier request may still be under way and come first.
+  const auto answers = [this] {
+    return std::count_if(messages_.begin(), messages_.end(), [this](const Message& message) {
+      return message.topic == replyTopic() && message.payload == "{\"param\":\"Ok\"}\n";
+    });
+  };
+  std::unique_lock lock(mutex_);
+  const auto before = answers();
+  lock.unlock();
+  send(R"({"param":"Are you alive?"})");
+  return waitUntil([&] { return answers() > before; }, patience);
 }
 
 std::vector<std::string> BusClient::received(const std::string& topic) {
