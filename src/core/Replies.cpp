@@ -12,9 +12,8 @@ using namespace common::JSONDefinitions;
 namespace {
 
 Json::Value withStatusMember(Status status) {
-  const std::string_view text = statusText(status);
   Json::Value reply;
-  reply[Json::StaticString(PROPERTY_STATUS)] = Json::Value(text.data(), text.data() + text.size());
+  reply[Json::StaticString(PROPERTY_STATUS)] = std::string(statusText(status));
   return reply;
 }
 

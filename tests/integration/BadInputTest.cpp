@@ -133,8 +133,10 @@ std::vector<Case> hostileValues() {
   return {
       {"NumberOver31Bits", setRequest("Audio.Volume", "2147483648"),
        setAnswer("Audio.Volume", "ValueOutOfBounds")},
-      // A number is read up to its first other character: 1.18e+21 counts as 1.
-      {"NumberOver64Bits", setRequest("Audio.Volume", "1180591620717411303424"),
+      {"NumberOver64Bits", setRequest("Audio.Volume", quoted("1180591620717411303424")),
+       setAnswer("Audio.Volume", "ValueOutOfBounds")},
+      // Its text is "1.1805916207174113e+21", of which the range sees the 1.
+      {"JsonNumberOver64Bits", setRequest("Audio.Volume", "1180591620717411303424"),
        setAnswer("Audio.Volume", "Ok")},
       {"NegativeNumber", setRequest("Audio.Volume", "-1"), setAnswer("Audio.Volume", "ValueOutOfBounds")},
       {"HugeNumber", setRequest("Audio.Codec", "1e308"), setAnswer("Audio.Codec", "ValueError")},

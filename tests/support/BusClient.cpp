@@ -11,9 +11,6 @@ namespace propertyservice::test {
 
 namespace {
 
-const std::string kQuestion = R"({"param":"Are you alive?"})";
-const std::string kAlive = "{\"param\":\"Ok\"}\n";
-
 void check(int result, const char* what) {
   if (result != MOSQ_ERR_SUCCESS) {
     throw std::runtime_error(std::string(what) + ": " + mosquitto_strerror(result));
@@ -98,7 +95,17 @@ Json::Value BusClient::request(const Json::Value& request) {
 }
 
 bool BusClient::serviceIsAlive(std::chrono::milliseconds patience) {
-  return requestText(kQuestion, patience) == kAlive;
+  // The reply to an earlier request may still be under way and come first.
+  const auto answers = [this] {
+    return std::count_if(messages_.begin(), messages_.end(), [this](const Message& message) {
+      return message.topic == replyTopic() && message.payload == "{\"param\":\"Ok\"}\n";
+    });
+  };
+  std::unique_lock lock(mutex_);
+  const auto before = answers();
+  lock.unlock();
+  send(R"({"param":"Are you alive?"})");
+  return waitUntil([&] { return answers() > before; }, patience);
 }
 
 std::vector<std::string> BusClient::received(const std::string& topic) {
@@ -128,15 +135,7 @@ void BusClient::forget() {
 }
 
 void BusClient::settle() {
-  const auto answers = [this] {
-    return std::count_if(messages_.begin(), messages_.end(),
-                         [](const Message& message) { return message.payload == kAlive; });
-  };
-  std::unique_lock lock(mutex_);
-  const auto before = answers();
-  lock.unlock();
-  send(kQuestion);
-  if (!waitUntil([&] { return answers() > before; }, kPatience)) {
+  if (!serviceIsAlive(kPatience)) {
     throw std::runtime_error("the service does not answer");
   }
 }

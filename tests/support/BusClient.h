@@ -10,7 +10,7 @@
 
 #include <json/value.h>
 
-#include "support/Deadline.h"
+#include "support/Eventually.h"
 
 struct mosquitto;
 
