@@ -19,17 +19,21 @@ void check(int result, const char* what) {
 
 }  // namespace
 
-BusClient::BusClient(std::string name, const std::vector<std::string>& topics, int port)
+BusClient::BusClient(std::string name, const std::vector<std::string>& topics, int port,
+                     const std::string& password)
     : name_(std::move(name)) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "initialise the client library");
   client_ = mosquitto_new((name_ + "-client").c_str(), true, this);
+  if (!password.empty()) {
+    mosquitto_username_pw_set(client_, name_.c_str(), password.c_str());
+  }
   mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, 65535);
   mosquitto_connect_callback_set(client_, [](mosquitto*, void* self, int result) {
     auto& client = *static_cast<BusClient*>(self);
     const std::lock_guard lock(client.mutex_);
-    client.connected_ = result == 0;
+    client.answer_ = result;
     client.changed_.notify_all();
   });
   mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
@@ -49,7 +53,7 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
 
   check(mosquitto_connect(client_, "127.0.0.1", port, 60), "connect");
   check(mosquitto_loop_start(client_), "start the loop");
-  bool ready = waitUntil([this] { return connected_; }, kPatience);
+  bool ready = waitUntil([this] { return answer_ >= 0; }, kPatience) && answer_ == 0;
   std::vector<std::string> all = topics;
   all.push_back(replyTopic());
   {
