@@ -92,6 +92,11 @@ auto reportingFailure(Operation operation) {
   }
 }
 
+/// A table may hold integers that are wider than those from text.
+std::int64_t integerOf(const Json::Value& member) {
+  return member.isInt64() ? member.asInt64() : toInteger(member.asString());
+}
+
 void bind(SQLite::Statement& statement, const Property& property) {
   for (const auto& [column, parameter] : kTextParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
@@ -100,7 +105,7 @@ void bind(SQLite::Statement& statement, const Property& property) {
   }
   for (const auto& [column, parameter] : kIntegerParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
-      statement.bind(parameter, toInteger(member.asString()));
+      statement.bind(parameter, integerOf(member));
     }
   }
 }
@@ -144,7 +149,7 @@ class RowReader {
 /// What `member` is once it has been written to that column and read back.
 Json::Value asStored(std::string_view column, const Json::Value& member) {
   const bool isText = std::find(column::kText.begin(), column::kText.end(), column) != column::kText.end();
-  return isText ? Json::Value(member.asString()) : Json::Value(toInteger(member.asString()));
+  return isText ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
 }
 
 /// Takes over the members that `property` carries; false when the row holds them all already.

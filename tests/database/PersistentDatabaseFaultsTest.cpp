@@ -207,15 +207,24 @@ class PersistentDatabasePowerCutTest : public testing::Test {
   /// Each row is written in each round, the first hundred twice.
   void writeRounds() {
     for (int round = 0; round < 2 * kRounds; round += 2) {
+      pileUp(round);
       for (int i = 0; i < kRows; ++i) {
         disk.set("K" + std::to_string(i), valueOfRound(round));
       }
       for (int i = 0; i < 100; ++i) {
         disk.set("K" + std::to_string(i), valueOfRound(round + 1));
       }
-      ASSERT_TRUE(disk.becomesIdle());
+      disk.stop();
+      disk.start();
     }
-    disk.stop();
+  }
+
+  /// After a failure the writer waits a while, so that what follows goes into few and full statements.
+  void pileUp(int round) {
+    disk.vfs.fail(FaultyVfs::Operation::Lock, 1, SQLITE_BUSY);
+    disk.set("K0", valueOfRound(round));
+    ASSERT_TRUE(disk.becomesIdle());
+    disk.vfs.heal();
   }
 
   /// The round of each key in what a power cut leaves, once SQLite has repaired it.

@@ -297,6 +297,16 @@ TEST_F(PersistentStorageTest, leavesTheOtherColumnsWhenItUpdatesAValue) {
   EXPECT_EQ(selected("Web.A"), expected);
 }
 
+TEST_F(PersistentStorageTest, updatesARowWithABoundBeyond32Bits) {
+  storage.insert(full);
+  database->exec("UPDATE settings SET range_max = 4294967295");
+
+  storage.update(change("Web.A", "2"));
+
+  EXPECT_EQ(selected("Web.A").text("value"), "2");
+  EXPECT_EQ(selected("Web.A").get("range_max"), Json::Value(Json::Int64{4294967295}));
+}
+
 TEST_F(PersistentStorageTest, updatesEveryColumnThatIsGiven) {
   storage.insert(full);
   const Property other({{"key", "Web.A"},
