@@ -1,5 +1,9 @@
 #include "database/VolatileStorage.h"
 
+#include <cstdint>
+#include <filesystem>
+#include <system_error>
+
 #include <leveldb/db.h>
 
 #include "core/Constants.h"
@@ -51,7 +55,7 @@ void VolatileStorage<Db>::reset(Property& property) {
     property.setStatus(Status::NotFound);
     return;
   }
-  const bool removed = database_->Delete({}, property.text(column::kKey)).ok();
+  const bool removed = isWritable() && database_->Delete({}, property.text(column::kKey)).ok();
   conclude(property, removed, "Cannot delete value (");
 }
 
@@ -69,7 +73,7 @@ void VolatileStorage<Db>::setMultiple(std::vector<Property>& properties) {
 template <typename Db>
 void VolatileStorage<Db>::insert(Property& property) {
   const bool written =
-      isOpen() && database_->Put({}, property.text(column::kKey), property.text(column::kValue)).ok();
+      isWritable() && database_->Put({}, property.text(column::kKey), property.text(column::kValue)).ok();
   conclude(property, written, "Value is not inserted: (");
 }
 
@@ -80,6 +84,7 @@ bool VolatileStorage<Db>::open() {
   Db* database = nullptr;
   const leveldb::Status status = Db::Open(options, path_, &database);
   database_.reset(database);
+  writeFailed_ = false;
   if (!status.ok()) {
     logger().error() << "Volatile database cannot be initialized: " << path_
                      << " Error: " << status.ToString();
@@ -88,13 +93,41 @@ bool VolatileStorage<Db>::open() {
 }
 
 template <typename Db>
-bool VolatileStorage<Db>::isOpen() {
+bool VolatileStorage<Db>::isReadable() {
   return database_ != nullptr || open();
 }
 
 template <typename Db>
+bool VolatileStorage<Db>::isWritable() {
+  if (!writeFailed_) {
+    return isReadable();
+  }
+  if (!hasRoomToOpen()) {
+    return false;
+  }
+  // LevelDB does not allow a directory to be opened twice: the old one goes first.
+  database_.reset();
+  return open();
+}
+
+/// LevelDB writes what its logs hold into tables when it opens a directory. An attempt without room for that
+/// would cost the reads as well.
+template <typename Db>
+bool VolatileStorage<Db>::hasRoomToOpen() const {
+  constexpr std::uintmax_t kForTheRest = 64 * 1024;
+  std::error_code error;
+  std::uintmax_t needed = kForTheRest;
+  for (const auto& entry : std::filesystem::directory_iterator(path_, error)) {
+    if (entry.path().extension() == ".log") {
+      needed += entry.file_size(error);
+    }
+  }
+  return std::filesystem::space(path_, error).available >= needed;
+}
+
+template <typename Db>
 bool VolatileStorage<Db>::read(const Property& property, std::string& text) {
-  return isOpen() && database_->Get({}, property.text(column::kKey), &text).ok();
+  return isReadable() && database_->Get({}, property.text(column::kKey), &text).ok();
 }
 
 template <typename Db>
@@ -103,11 +136,7 @@ void VolatileStorage<Db>::conclude(Property& property, bool written, const char*
     property.setStatus(Status::Changed);
     return;
   }
-  if (database_ != nullptr) {
-    // LevelDB does not allow a directory to be opened twice: the old one goes first.
-    database_.reset();
-    open();
-  }
+  writeFailed_ = database_ != nullptr;
   property.setStatus(Status::DBError);
   throw VolatileStorageException(complaint + json::write(property.members()) + ")");
 }

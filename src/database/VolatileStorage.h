@@ -15,10 +15,9 @@ namespace propertyservice {
 /// The volatile properties, keys beginning with "State.": "key" and "value" as text in a LevelDB directory,
 /// without metadata or rules. Exists for `leveldb::DB` alone.
 ///
-/// Writes are not synced: what a power cut may take. A failed write is reported as `DBError` and
-/// `VolatileStorageException`; the directory is then opened anew at once, because what LevelDB accepts after
-/// a failure would be gone after a restart. While that fails too, reads find nothing, and each operation
-/// tries again.
+/// Writes are not synced: what a power cut may take. A write that fails is reported as `DBError` and
+/// `VolatileStorageException`. What LevelDB accepts after a failed write would be gone after a restart; so
+/// the next write opens the directory anew first, and fails as long as that does.
 ///
 /// Without a lock: one thread at a time.
 template <typename Db>
@@ -52,15 +51,17 @@ class VolatileStorage {
 
  private:
   bool open();
-  bool isOpen();
+  bool isReadable();
+  bool isWritable();
+  bool hasRoomToOpen() const;
   bool read(const Property& property, std::string& text);
 
-  /// Leaves the outcome of a write in the status. After a failure opens the directory anew, and throws the
-  /// complaint and the property as `VolatileStorageException`.
+  /// Leaves the outcome of a write in the status; throws the complaint with the property after a failure.
   void conclude(Property& property, bool written, const char* complaint);
 
   const std::string path_;
   std::unique_ptr<Db> database_;  ///< Empty only while it cannot be opened again.
+  bool writeFailed_ = false;      ///< Since it was opened.
 };
 
 extern template class VolatileStorage<leveldb::DB>;

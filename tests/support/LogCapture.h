@@ -1,6 +1,6 @@
 #pragma once
 
-#include <algorithm>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,14 +39,11 @@ class LogCapture {
   /// Ends the capture; the entries that contain `part`.
   std::vector<std::string> linesWith(std::string_view part) {
     std::vector<std::string> lines;
-    const std::string& all = text();
-    for (std::size_t start = 0; start < all.size();) {
-      const std::size_t end = std::min(all.find('\n', start), all.size());
-      std::string line = all.substr(start, end - start);
+    std::istringstream all(text());
+    for (std::string line; std::getline(all, line);) {
       if (line.find(part) != std::string::npos) {
-        lines.push_back(std::move(line));
+        lines.push_back(line);
       }
-      start = end + 1;
     }
     return lines;
   }

@@ -9,7 +9,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -78,6 +78,12 @@ class SpawnSettings {
   posix_spawn_file_actions_t actions_;
 };
 
+/// Becomes readable when the process ends.
+int openProcess(pid_t pid) {
+  // The header of glibc 2.36 that declares pidfd_open does so for C only.
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
 int waitFor(pid_t pid) {
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
@@ -129,7 +135,7 @@ ExecuteResult execute(const std::string& command, unsigned timeoutMs) {
 
   const pid_t shell = SpawnSettings(writeEnd.get()).startShell(command);
   writeEnd.reset();
-  const Descriptor process(pidfd_open(shell, 0));
+  const Descriptor process(openProcess(shell));
   const int error = process.get() < 0 ? errno : 0;
 
   ExecuteResult result{};

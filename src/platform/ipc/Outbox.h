@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <optional>
+#include <string>
+
+namespace ipc {
+
+/// What was published and is not acknowledged yet, in order: messages in flight, which libmosquitto has and
+/// sends again after a loss of the connection, and behind them messages that wait for their turn. The flight
+/// is kept short because libmosquitto walks through all of it at each publish and each acknowledgement.
+///
+/// Not safe for concurrent use.
+class Outbox {
+ public:
+  struct Message {
+    std::string topic;
+    std::string payload;
+    int qos;
+  };
+
+  static constexpr std::size_t kMostBytes = 64U << 20;  ///< Topics and payloads together.
+  static constexpr int kMostInFlight = 128;
+
+  bool empty() const { return inFlight_.empty() && waiting_.empty(); }
+
+  bool hasRoomFor(std::size_t bytes) const { return bytes <= kMostBytes - bytes_; }
+
+  /// The message that goes next: null when none waits or the flight is full.
+  const Message* next() const;
+
+  /// Whether a new message may go at once, overtaking none.
+  bool mayDepartAtOnce() const { return waiting_.empty() && inFlight_.size() < kMostInFlight; }
+
+  void wait(const std::string& topic, const std::string& payload, int qos);
+
+  /// Takes what `next` returned off the queue, sent or given up.
+  void removeNext();
+
+  /// A message of `bytes` (topic and payload) has gone under the message id `id`.
+  void departed(int id, int qos, const std::string& topic, std::size_t bytes);
+
+  /// Ends the flight of a message. Returns its topic; nothing for an id that is not in flight.
+  std::optional<std::string> acknowledged(int id);
+
+  /// Forgets what no acknowledgement will come for: the messages of QoS 0 in flight.
+  void connectionLost();
+
+  void clear();
+
+ private:
+  struct Flight {
+    int id;
+    int qos;
+    std::string topic;
+    std::size_t bytes;
+  };
+
+  std::deque<Flight> inFlight_;
+  std::deque<Message> waiting_;
+  std::size_t bytes_ = 0;
+};
+
+}  // namespace ipc

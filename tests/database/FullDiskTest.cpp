@@ -1,0 +1,257 @@
+#include <fcntl.h>
+#include <filesystem>
+#include <optional>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <json/json.h>
+#include <leveldb/db.h>
+
+#include "core/JsonText.h"
+#include "database/PersistentStorage.h"
+#include "database/PersistentStorageException.h"
+#include "database/VolatileStorage.h"
+#include "database/VolatileStorageException.h"
+#include "database/WriteBehind.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
+#include "support/SettingsFile.h"
+#include "support/TemporaryDirectory.h"
+
+namespace propertyservice {
+namespace {
+
+using test::change;
+using test::eventually;
+using test::LogCapture;
+using test::queueOf;
+using test::SettingsFile;
+using test::TemporaryDirectory;
+
+/// A small file system of the test's own. Needs a mount namespace.
+class SmallDisk {
+ public:
+  SmallDisk() {
+    if (mount("small", directory_.path().c_str(), "tmpfs", 0, "size=4m") != 0) {
+      throw std::runtime_error("cannot mount a file system");
+    }
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+  ~SmallDisk() { umount2(directory_.path().c_str(), MNT_DETACH); }
+
+  std::string path(const std::string& name) const { return directory_.path(name); }
+
+  /// Leaves no space.
+  void fill() const {
+    const int file = open(path("ballast").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    for (const std::size_t size : {std::size_t{4096}, std::size_t{1}}) {
+      const std::string block(size, 'x');
+      while (write(file, block.data(), block.size()) > 0) {
+      }
+    }
+    close(file);
+  }
+
+  void free() const { std::filesystem::remove(path("ballast")); }
+
+  /// REQUIRES: no file on it is open for writing.
+  void makeReadOnly() const {
+    ASSERT_EQ(mount("small", directory_.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  }
+
+ private:
+  TemporaryDirectory directory_;
+};
+
+class FullDiskTest : public testing::Test {
+ protected:
+  SmallDisk disk;
+  SettingsFile file{disk.path("nvm")};
+  std::optional<PersistentStorage> storage{openDatabase(file.path())};
+
+  /// The text of the failure to write "new" to K0, and whether it may pass.
+  std::pair<std::string, bool> failureOfWrite() {
+    std::queue<Property> queue = queueOf({change("K0", "new")});
+    try {
+      storage->updateValues(queue);
+    } catch (const PersistentStorageException& failure) {
+      return {failure.what(), failure.reason() == PersistentStorageException::Reason::Unavailable};
+    }
+    return {"", true};
+  }
+};
+
+TEST_F(FullDiskTest, failsForNowAndLeavesTheFileIntact) {
+  file.fill(10);
+  disk.fill();
+
+  EXPECT_EQ(failureOfWrite(), std::pair(std::string("database or disk is full"), true));
+
+  EXPECT_EQ(file.rowsWith("old"), 10);
+  EXPECT_EQ(file.ask("PRAGMA integrity_check"), "ok");
+}
+
+TEST_F(FullDiskTest, writesAgainOnTheSameConnectionOnceSpaceIsFreed) {
+  file.fill(10);
+  disk.fill();
+  failureOfWrite();
+
+  disk.free();
+
+  EXPECT_EQ(failureOfWrite().first, "");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+}
+
+TEST_F(FullDiskTest, failsForNowOnAReadOnlyDisk) {
+  file.fill(10);
+  storage.reset();
+  disk.makeReadOnly();
+  storage.emplace(openDatabase(file.path()));
+
+  EXPECT_EQ(failureOfWrite(), std::pair(std::string("attempt to write a readonly database"), true));
+
+  EXPECT_EQ(storage->selectMultiple("%").size(), 10U);
+}
+
+TEST_F(FullDiskTest, bringsTheLastAcceptedValuesToTheFileOnceSpaceIsFreed) {
+  file.fill(10);
+  disk.fill();
+  WriteBehind writer([this](std::queue<Property>& properties) { storage->updateValues(properties); });
+  writer.push(change("K0", "first"));
+  writer.push(change("K1", "only"));
+  writer.push(change("K0", "last"));
+  ASSERT_TRUE(eventually([&] { return writer.isWaiting(); }));
+
+  disk.free();
+
+  EXPECT_TRUE(eventually([&] { return file.valueOf("K0") == "last" && file.valueOf("K1") == "only"; }));
+}
+
+TEST_F(FullDiskTest, isLoggedOnceByEachSideWhileItLasts) {
+  file.fill(10);
+  disk.fill();
+  LogCapture log;
+  {
+    WriteBehind writer([this](std::queue<Property>& properties) { storage->updateValues(properties); });
+    writer.push(change("K0", "first"));
+    ASSERT_TRUE(eventually([&] { return writer.isWaiting(); }));
+    writer.push(change("K0", "last"));
+    ASSERT_FALSE(eventually([&] { return file.valueOf("K0") != "old"; }, std::chrono::milliseconds(2500)));
+
+    disk.free();
+  }
+
+  EXPECT_EQ(log.linesWith("error database/PersistentStorage:").size(), 1U);
+  EXPECT_EQ(log.linesWith("error database/WriteBehind:").size(), 1U);
+  EXPECT_EQ(file.valueOf("K0"), "last");
+}
+
+class FullVolatileDiskTest : public testing::Test {
+ protected:
+  using Storage = VolatileStorage<leveldb::DB>;
+
+  static Property state(int number) {
+    return Property({{"key", "State.K" + std::to_string(number)}, {"value", std::string(1000, 'v')}});
+  }
+
+  /// Writes until the disk is full; the property that was not written.
+  Property writeUntilFull() {
+    disk.fill();
+    for (int number = 0;; ++number) {
+      Property property = state(number);
+      try {
+        storage->set(property);
+      } catch (const VolatileStorageException& failure) {
+        complaint = failure.what();
+        return property;
+      }
+    }
+  }
+
+  SmallDisk disk;
+  const std::string path = disk.path("stateCache");
+  std::optional<Storage> storage{path};
+  std::string complaint;
+};
+
+TEST_F(FullVolatileDiskTest, reportsAFailedWrite) {
+  const Property property = writeUntilFull();
+
+  EXPECT_EQ(property.status(), Status::DBError);
+  EXPECT_EQ(complaint, "Value is not inserted: (" + json::write(property.json()) + ")");
+}
+
+TEST_F(FullVolatileDiskTest, keepsWhatItAcceptsAfterAFailureOverARestart) {
+  constexpr int kCount = 300;
+  writeUntilFull();
+  disk.free();
+  for (int number = 0; number < kCount; ++number) {
+    Property property = state(number);
+    property.set("value", "after");
+    storage->set(property);
+    ASSERT_EQ(property.status(), Status::Changed);
+  }
+
+  storage.reset();
+  storage.emplace(path);
+
+  int kept = 0;
+  for (int number = 0; number < kCount; ++number) {
+    Property property = state(number);
+    storage->get(property);
+    kept += property.text("value") == "after" ? 1 : 0;
+  }
+  EXPECT_EQ(kept, kCount);
+}
+
+TEST_F(FullVolatileDiskTest, goesOnReadingAfterFailedWrites) {
+  Property property({{"key", "State.A"}, {"value", "x"}});
+  storage->set(property);
+  Property unwritten = writeUntilFull();
+  EXPECT_THROW(storage->insert(unwritten), VolatileStorageException);
+
+  Property found({{"key", "State.A"}});
+  storage->get(found);
+
+  EXPECT_EQ(found.text("value"), "x");
+}
+
+TEST_F(FullVolatileDiskTest, keepsWhatWasWrittenBeforeTheFailure) {
+  Property property({{"key", "State.A"}, {"value", "x"}});
+  storage->set(property);
+  writeUntilFull();
+  disk.free();
+  Property other({{"key", "State.B"}, {"value", "y"}});
+  storage->set(other);
+
+  storage.reset();
+  storage.emplace(path);
+
+  Property found({{"key", "State.A"}});
+  storage->get(found);
+  EXPECT_EQ(found.text("value"), "x");
+}
+
+TEST_F(FullVolatileDiskTest, reportsAFailedRemoval) {
+  Property property({{"key", "State.A"}, {"value", "x"}});
+  storage->set(property);
+  disk.fill();
+
+  // The log's last page has room for a few more of them.
+  std::string thrown;
+  for (int i = 0; i < 10000 && thrown.empty(); ++i) {
+    try {
+      storage->reset(property);
+      storage->insert(property);
+    } catch (const VolatileStorageException& failure) {
+      thrown = failure.what();
+    }
+  }
+
+  EXPECT_EQ(property.status(), Status::DBError);
+  EXPECT_NE(thrown, "");
+}
+
+}  // namespace
+}  // namespace propertyservice

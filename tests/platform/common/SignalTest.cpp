@@ -1,0 +1,260 @@
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <unistd.h>
+
+#include "common/Signal.h"
+
+namespace common::signal {
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ExitedWithCode;
+
+std::atomic<int> calls{0};
+std::atomic<int> lastSignal{0};
+std::mutex mutex;
+
+void count(int signal) {
+  lastSignal = signal;
+  ++calls;
+}
+
+[[noreturn]] void finish(bool success) {
+  _exit(success ? 0 : 1);
+}
+
+bool becomesTrue(const std::function<bool()>& condition) {
+  const auto deadline = steady_clock::now() + 10s;
+  while (!condition()) {
+    if (steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+void raiseForTheProcess(int signal) {
+  kill(getpid(), signal);
+}
+
+/// Signals belong to a process, so every case runs in one of its own, started anew.
+class SignalTest : public testing::Test {
+ protected:
+  SignalTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(SignalTest, callsTheHandlerOfSigterm) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+
+        raiseForTheProcess(SIGTERM);
+
+        finish(becomesTrue([] { return calls > 0; }) && lastSignal == SIGTERM);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, callsTheHandlerOfSigtermForSigint) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+
+        raiseForTheProcess(SIGINT);
+
+        finish(becomesTrue([] { return calls > 0; }) && lastSignal == SIGINT);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, doesNotCallTheHandlerOfSigintForSigterm) {
+  EXPECT_EXIT(
+      {
+        static std::atomic<bool> announced{false};
+        registerHandler();
+        registerCustomHandler(SIGINT, count);
+        registerCustomHandler(SIGTERM, [](int) { announced = true; });
+
+        raiseForTheProcess(SIGTERM);
+
+        finish(becomesTrue([] { return announced.load(); }) && calls == 0);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, keepsATerminationThatComesBeforeTheRegistration) {
+  EXPECT_EXIT(
+      {
+        raiseForTheProcess(SIGTERM);
+        registerCustomHandler(SIGTERM, count);
+        registerHandler();
+
+        finish(becomesTrue([] { return calls > 0; }));
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, blocksTheTerminationSignalsInThreadsStartedBeforeTheRegistration) {
+  EXPECT_EXIT(
+      {
+        static std::atomic<bool> end{false};
+        std::thread bystander([] {
+          while (!end) {
+            std::this_thread::sleep_for(1ms);
+          }
+        });
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+
+        raiseForTheProcess(SIGTERM);
+
+        const bool called = becomesTrue([] { return calls > 0; });
+        end = true;
+        bystander.join();
+        finish(called);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, announcesATerminationAgainEvery500Ms) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+
+        raiseForTheProcess(SIGTERM);
+
+        if (!becomesTrue([] { return calls == 1; })) {
+          finish(false);
+        }
+        const auto first = steady_clock::now();
+        const bool again = becomesTrue([] { return calls >= 3; });
+        finish(again && steady_clock::now() - first > 900ms);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, announcesAPastTerminationToAHandlerThatComesLate) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+        raiseForTheProcess(SIGTERM);
+        becomesTrue([] { return calls > 0; });
+        static std::atomic<bool> late{false};
+
+        registerCustomHandler(SIGTERM, [](int) { late = true; });
+
+        finish(becomesTrue([] { return late.load(); }));
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, changesNothingAtAFurtherTermination) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+        raiseForTheProcess(SIGTERM);
+        becomesTrue([] { return calls == 1; });
+        const auto first = steady_clock::now();
+
+        raiseForTheProcess(SIGINT);
+        raiseForTheProcess(SIGTERM);
+
+        const bool again = becomesTrue([] { return calls == 2; });
+        finish(again && steady_clock::now() - first > 400ms && lastSignal == SIGTERM);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, startsOneThreadHoweverOftenItIsRegistered) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+
+        raiseForTheProcess(SIGTERM);
+        raiseForTheProcess(SIGINT);
+
+        if (!becomesTrue([] { return calls > 0; })) {
+          finish(false);
+        }
+        sigset_t pending;
+        sigpending(&pending);
+        finish(sigismember(&pending, SIGTERM) + sigismember(&pending, SIGINT) == 1);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, callsEveryHandler) {
+  EXPECT_EXIT(
+      {
+        static std::atomic<bool> other{false};
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+        registerCustomHandler(SIGTERM, [](int) { other = true; });
+
+        raiseForTheProcess(SIGTERM);
+
+        finish(becomesTrue([] { return calls > 0 && other; }));
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, letsAHandlerLockAndRegisterAnother) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, [](int) {
+          const std::lock_guard lock(mutex);
+          registerCustomHandler(SIGTERM, count);
+        });
+        std::unique_lock lock(mutex);
+
+        raiseForTheProcess(SIGTERM);
+        lock.unlock();
+
+        finish(becomesTrue([] { return calls > 0; }));
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, survivesSighupAndSigpipe) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+
+        raiseForTheProcess(SIGHUP);
+        raiseForTheProcess(SIGPIPE);
+
+        finish(true);
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, endsAProcessThatLeavesMainWhileTheThreadWaits) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+        raiseForTheProcess(SIGTERM);
+        becomesTrue([] { return calls > 0; });
+
+        std::exit(0);
+      },
+      ExitedWithCode(0), "");
+}
+
+}  // namespace
+}  // namespace common::signal
