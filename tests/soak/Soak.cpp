@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <random>
 #include <sstream>
@@ -29,27 +27,13 @@ using test::Device;
 using test::Row;
 
 constexpr int kLoads = 4;
-constexpr unsigned kMostGrowthKiB = 16 * 1024;
-constexpr unsigned kMostMoreDescriptors = 8;
+constexpr std::size_t kMostGrowthKiB = 16 * 1024;
+constexpr std::size_t kMostMoreDescriptors = 8;
 
 struct Resources {
-  unsigned residentKiB;
-  unsigned descriptors;
+  std::size_t residentKiB;
+  std::size_t descriptors;
 };
-
-Resources resourcesOf(pid_t process) {
-  const std::string directory = "/proc/" + std::to_string(process);
-  Resources resources{};
-  std::ifstream status(directory + "/status");
-  for (std::string word; status >> word;) {
-    if (word == "VmRSS:") {
-      status >> resources.residentKiB;
-    }
-  }
-  resources.descriptors =
-      static_cast<unsigned>(std::distance(std::filesystem::directory_iterator(directory + "/fd"), {}));
-  return resources;
-}
 
 /// Rows that the daemon itself wants, and those of the loads. Without the log's info entries, which would be
 /// a gigabyte.
@@ -395,10 +379,10 @@ class Soak {
     }
   }
 
-  Resources resources() { return resourcesOf(device_.daemon().pid()); }
+  Resources resources() { return {device_.daemon().residentKiB(), device_.daemon().descriptors()}; }
 
   void report(const char* when, const Resources& resources) const {
-    std::printf("%7.1f s  %-28s daemon: %6u KiB resident, %3u descriptors\n",
+    std::printf("%7.1f s  %-28s daemon: %6zu KiB resident, %3zu descriptors\n",
                 std::chrono::duration<double>(Clock::now() - start_).count(), when, resources.residentKiB,
                 resources.descriptors);
     std::fflush(stdout);

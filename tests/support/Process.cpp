@@ -2,7 +2,9 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -65,6 +67,22 @@ std::optional<int> Process::wait(std::chrono::milliseconds patience) {
 void Process::kill() {
   signal(SIGKILL);
   reap(0);
+}
+
+std::size_t Process::residentKiB() const {
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  std::size_t size = 0;
+  for (std::string word; status >> word;) {
+    if (word == "VmRSS:") {
+      status >> size;
+    }
+  }
+  return size;
+}
+
+std::size_t Process::descriptors() const {
+  const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid_) + "/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
 }
 
 std::string Process::output() const {
