@@ -3,6 +3,7 @@
 #include <fstream>
 #include <memory>
 #include <sstream>
+#include <thread>
 
 #include <SQLiteCpp/Database.h>
 #include <SQLiteCpp/Statement.h>
@@ -14,7 +15,6 @@
 #include "core/JsonText.h"
 #include "core/Messenger.h"
 #include "fuzz/Fuzzing.h"
-#include "support/Deadline.h"
 #include "support/FakeIPCClient.h"
 #include "support/TemporaryDirectory.h"
 
@@ -71,12 +71,19 @@ class Device {
   /// Back to the defaults, but for the volatile properties.
   void reset() { service_->resetMultiple("%"); }
 
+  /// What the writer is at would look like a leak.
+  void waitForWriter() {
+    while (!service_->isWriterIdle()) {
+      std::this_thread::yield();
+    }
+  }
+
   const std::shared_ptr<IDatabaseService>& service() const { return service_; }
   const DevicePaths& paths() const { return paths_; }
 
  private:
   void requireAgreement() {
-    require(test::eventually([this] { return service_->isWriterIdle(); }), "the writer comes to rest");
+    waitForWriter();
     const SQLite::Database file(paths_.database, SQLite::OPEN_READONLY);
     SQLite::Statement rows(file, "SELECT key, value FROM settings");
     std::size_t count = 0;
@@ -168,6 +175,7 @@ void serve(Device& device, std::string_view input) {
     require(isJson(message.payload), "what is published is JSON");
     require(message.payload.find('\n') == message.payload.size() - 1, "it is one line");
   }
+  device.waitForWriter();
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -15,6 +16,16 @@
 
 namespace propertyservice::fuzz {
 namespace {
+
+/// A system call, made again when a signal interrupts it: libFuzzer has an alarm every second.
+auto unlessInterrupted(const auto& call) {
+  for (;;) {
+    const auto result = call();
+    if (result != -1 || errno != EINTR) {
+      return result;
+    }
+  }
+}
 
 /// One shell for all inputs; to start one takes as long as a hundred commands. It stands in an empty
 /// directory and finds no programs, so that text that escapes does no harm.
@@ -46,17 +57,20 @@ class Shell {
 
   void run(const std::string& command) const {
     const std::string line = command + '\n';
-    require(write(commands_, line.data(), line.size()) == static_cast<ssize_t>(line.size()),
-            "the shell takes a command");
+    require(
+        unlessInterrupted(write, commands_, line.data(), line.size()) == static_cast<ssize_t>(line.size()),
+        "the shell takes a command");
   }
 
   /// What the shell writes, at most `size` bytes; less when nothing more comes for 10 s.
   std::string read(std::size_t size) const {
+    constexpr int kPatienceMs = 10'000;
     std::string text(size, '\0');
     std::size_t count = 0;
     pollfd ready{output_, POLLIN, 0};
-    while (count < size && poll(&ready, 1, 10'000) == 1) {
-      const ssize_t part = ::read(output_, text.data() + count, size - count);
+    while (count < size && unlessInterrupted([&] { return poll(&ready, 1, kPatienceMs); }) == 1) {
+      const ssize_t part =
+          unlessInterrupted([&] { return ::read(output_, text.data() + count, size - count); });
       if (part <= 0) {
         break;
       }
