@@ -19,7 +19,7 @@ using namespace common::JSONDefinitions;
 
 namespace {
 
-constexpr std::size_t kLargestPayloadBytes = 1024 * 1024;
+constexpr std::size_t kLargestPayloadBytes = std::size_t{1024} * 1024;
 
 struct Shutdown {
   std::mutex mutex;
@@ -106,7 +106,7 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& pay
 }
 
 void Dispatcher::deliveryComplete(const std::string& topic) {
-  logger().info() << "Delivery completed on topic " << [&] { return common::quote(topic); };
+  logger().info() << "Delivery completed on topic " << [&] { return common::quote(excerpt(topic)); };
 }
 
 void Dispatcher::waitForShutdown() {

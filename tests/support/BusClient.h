@@ -10,13 +10,13 @@
 
 #include <json/value.h>
 
-#include "support/Deadline.h"
+#include "support/Eventually.h"
 
 struct mosquitto;
 
 namespace propertyservice::test {
 
-/// A client of the device's bus, on loopback port 1883: asks the service and collects what is sent to it.
+/// A client of the device's bus, on loopback: asks the service and collects what is sent to it.
 class BusClient {
  public:
   struct Message {
@@ -25,7 +25,7 @@ class BusClient {
   };
 
   /// Connects, and listens to its replies and to `topics`. Throws when the broker does not answer.
-  explicit BusClient(std::string name, const std::vector<std::string>& topics = {});
+  explicit BusClient(std::string name, const std::vector<std::string>& topics = {}, int port = 1883);
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
   ~BusClient();

@@ -44,7 +44,8 @@ std::string insertStatement(const Row& row) {
 
 }  // namespace
 
-Device::Device(const std::vector<Row>& rows) {
+// The broker drops requests by default when 1000 are outstanding.
+Device::Device(const std::vector<Row>& rows) : broker_("allow_anonymous true\nmax_queued_messages 20000\n") {
   if (getenv("PROPERTYSERVICE_SANDBOX") == nullptr) {
     throw std::runtime_error("a device needs its own mount namespace: run this inside script/sandbox");
   }
