@@ -57,9 +57,8 @@ class Shell {
 
   void run(const std::string& command) const {
     const std::string line = command + '\n';
-    require(
-        unlessInterrupted(write, commands_, line.data(), line.size()) == static_cast<ssize_t>(line.size()),
-        "the shell takes a command");
+    const ssize_t written = unlessInterrupted([&] { return write(commands_, line.data(), line.size()); });
+    require(written == static_cast<ssize_t>(line.size()), "the shell takes a command");
   }
 
   /// What the shell writes, at most `size` bytes; less when nothing more comes for 10 s.
