@@ -48,6 +48,7 @@ class Broker {
       const int log = open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       dup2(log, STDOUT_FILENO);
       dup2(log, STDERR_FILENO);
+      close_range(STDERR_FILENO + 1, ~0U, 0);
       execl("/usr/sbin/mosquitto", "mosquitto", "-c", file_.c_str(), nullptr);
       _exit(127);
     }

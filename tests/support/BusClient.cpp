@@ -24,25 +24,25 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
     : name_(std::move(name)) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "initialise the client library");
-  client_ = mosquitto_new((name_ + "-client").c_str(), true, this);
+  client_.reset(mosquitto_new((name_ + "-client").c_str(), true, this));
   if (!password.empty()) {
-    mosquitto_username_pw_set(client_, name_.c_str(), password.c_str());
+    mosquitto_username_pw_set(client_.get(), name_.c_str(), password.c_str());
   }
-  mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, 65535);
-  mosquitto_connect_callback_set(client_, [](mosquitto*, void* self, int result) {
+  mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1);
+  mosquitto_int_option(client_.get(), MOSQ_OPT_SEND_MAXIMUM, 65535);
+  mosquitto_connect_callback_set(client_.get(), [](mosquitto*, void* self, int result) {
     auto& client = *static_cast<BusClient*>(self);
     const std::lock_guard lock(client.mutex_);
     client.answer_ = result;
     client.changed_.notify_all();
   });
-  mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+  mosquitto_subscribe_callback_set(client_.get(), [](mosquitto*, void* self, int, int, const int*) {
     auto& client = *static_cast<BusClient*>(self);
     const std::lock_guard lock(client.mutex_);
     --client.openSubscriptions_;
     client.changed_.notify_all();
   });
-  mosquitto_message_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* message) {
+  mosquitto_message_callback_set(client_.get(), [](mosquitto*, void* self, const mosquitto_message* message) {
     auto& client = *static_cast<BusClient*>(self);
     const std::lock_guard lock(client.mutex_);
     client.messages_.push_back(
@@ -51,7 +51,7 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
     client.changed_.notify_all();
   });
 
-  check(mosquitto_connect(client_, "127.0.0.1", port, 60), "connect");
+  check(mosquitto_connect(client_.get(), "127.0.0.1", port, 60), "connect");
   check(mosquitto_loop_start(client_), "start the loop");
   bool ready = waitUntil([this] { return answer_ >= 0; }, kPatience) && answer_ == 0;
   std::vector<std::string> all = topics;
@@ -61,7 +61,7 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
     openSubscriptions_ = static_cast<int>(all.size());
   }
   for (const std::string& topic : all) {
-    check(mosquitto_subscribe(client_, nullptr, topic.c_str(), 2), "subscribe");
+    check(mosquitto_subscribe(client_.get(), nullptr, topic.c_str(), 2), "subscribe");
   }
   ready = ready && waitUntil([this] { return openSubscriptions_ == 0; }, kPatience);
   if (!ready) {
@@ -69,14 +69,14 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
   }
 }
 
-BusClient::~BusClient() {
-  mosquitto_disconnect(client_);
-  mosquitto_loop_stop(client_, true);
-  mosquitto_destroy(client_);
+void BusClient::Destroy::operator()(mosquitto* client) const {
+  mosquitto_disconnect(client);
+  mosquitto_loop_stop(client, true);
+  mosquitto_destroy(client);
 }
 
 void BusClient::publish(const std::string& topic, const std::string& payload, int qos) {
-  check(mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
+  check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
                           qos, false),
         "publish");
 }

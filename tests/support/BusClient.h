@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -30,7 +31,6 @@ class BusClient {
                      const std::string& password = "");
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
-  ~BusClient();
 
   void publish(const std::string& topic, const std::string& payload, int qos = 1);
 
@@ -63,8 +63,11 @@ class BusClient {
   bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds patience);
   std::size_t count(const std::string& topic) const;
 
+  struct Destroy {
+    void operator()(mosquitto* client) const;
+  };
+
   const std::string name_;
-  mosquitto* client_;
 
   std::mutex mutex_;
   std::condition_variable changed_;
@@ -72,6 +75,8 @@ class BusClient {
   std::vector<Message> messages_;
   int openSubscriptions_ = 0;
   int answer_ = -1;  ///< The broker's answer to the first connect; 0 is yes.
+
+  std::unique_ptr<mosquitto, Destroy> client_;  ///< Last: its thread uses all of the above.
 };
 
 }  // namespace propertyservice::test

@@ -2,7 +2,9 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -36,8 +38,8 @@ Process::Process(const std::vector<std::string>& command, std::string outputPath
     dup2(input, STDIN_FILENO);
     dup2(output, STDOUT_FILENO);
     dup2(output, STDERR_FILENO);
-    close(output);
-    close(input);
+    // The connections of the test's own clients are none of its business.
+    close_range(STDERR_FILENO + 1, ~0U, 0);
     execvp(arguments[0], arguments.data());
     _exit(127);
   }
@@ -65,6 +67,22 @@ std::optional<int> Process::wait(std::chrono::milliseconds patience) {
 void Process::kill() {
   signal(SIGKILL);
   reap(0);
+}
+
+std::size_t Process::residentKiB() const {
+  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
+  std::size_t size = 0;
+  for (std::string word; status >> word;) {
+    if (word == "VmRSS:") {
+      status >> size;
+    }
+  }
+  return size;
+}
+
+std::size_t Process::descriptors() const {
+  const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid_) + "/fd");
+  return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
 }
 
 std::string Process::output() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -31,6 +32,10 @@ class Process {
 
   /// SIGKILL, and waits for the end.
   void kill();
+
+  /// What it has in memory, and how many descriptors it has open. REQUIRES: it runs.
+  std::size_t residentKiB() const;
+  std::size_t descriptors() const;
 
   /// Everything written so far.
   std::string output() const;
