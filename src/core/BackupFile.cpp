@@ -24,7 +24,8 @@ BackupFile parseBackup(std::string_view text) {
   }
 
   std::string_view rest = text.substr(0, marker);
-  for (std::size_t separator; (separator = rest.find(';')) != std::string_view::npos;) {
+  for (std::size_t separator = rest.find(';'); separator != std::string_view::npos;
+       separator = rest.find(';')) {
     const std::size_t lineEnd = std::min(rest.find('\n', separator), rest.size());
     Property& property = backup.properties.emplace_back();
     property.set(column::kKey, toJson(rest.substr(0, separator)));

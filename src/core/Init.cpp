@@ -4,8 +4,6 @@
 #include <string>
 #include <vector>
 
-#include <leveldb/db.h>
-
 #include "common/Execute.h"
 #include "common/FileSystem.h"
 #include "core/Customization.h"

@@ -180,6 +180,19 @@ std::string batchStatement(std::size_t size) {
   return statement.str();
 }
 
+void writeValues(SQLite::Statement& statement, const std::vector<Property>& batch) {
+  // Bound by position, which is the order of first appearance: SQLite looks a name up by comparing it with
+  // all of them.
+  int parameter = 0;
+  for (const Property& property : batch) {
+    const Json::Value& key = property.member(column::kKey);
+    statement.bind(++parameter, key.asString());
+    statement.bind(++parameter, property.text(column::kValue));
+    logger().debug() << "Applying updated values for parameter: " << [&] { return json::write(key); };
+  }
+  statement.exec();
+}
+
 }  // namespace
 
 std::shared_ptr<SQLite::Database> openDatabase(const std::string& path) {
@@ -284,25 +297,17 @@ void PersistentStorage::writeBatch(const std::vector<Property>& batch) {
 }
 
 void PersistentStorage::executeBatch(const std::vector<Property>& batch) {
-  SQLite::Statement statement(
-      *database_, batch.size() == batchSize_ ? fullBatchStatement() : batchStatement(batch.size()));
-  // Bound by position, which is the order of first appearance: SQLite looks a name up by comparing it with
-  // all of them.
-  int parameter = 0;
-  for (const Property& property : batch) {
-    const Json::Value& key = property.member(column::kKey);
-    statement.bind(++parameter, key.asString());
-    statement.bind(++parameter, property.text(column::kValue));
-    logger().debug() << "Applying updated values for parameter: " << [&] { return json::write(key); };
+  if (batch.size() < batchSize_) {
+    SQLite::Statement statement(*database_, batchStatement(batch.size()));
+    writeValues(statement, batch);
+    return;
   }
-  statement.exec();
-}
-
-const std::string& PersistentStorage::fullBatchStatement() {
-  if (fullBatchStatement_.empty()) {
-    fullBatchStatement_ = batchStatement(batchSize_);
+  // Kept, because preparing so long a statement takes longer than running it.
+  if (fullBatch_ == nullptr) {
+    fullBatch_ = std::make_unique<SQLite::Statement>(*database_, batchStatement(batchSize_));
   }
-  return fullBatchStatement_;
+  fullBatch_->tryReset();
+  writeValues(*fullBatch_, batch);
 }
 
 void PersistentStorage::reopen() {
@@ -316,6 +321,7 @@ void PersistentStorage::reopen() {
     copy.exec();
     std::filesystem::rename(unfinished, path);
   }
+  fullBatch_.reset();
   database_ = openDatabase(path);
   logger().warning() << "Database file was " << (removed ? "removed and is written anew: " : "replaced: ")
                      << path;

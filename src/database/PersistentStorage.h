@@ -9,6 +9,7 @@
 
 namespace SQLite {
 class Database;
+class Statement;
 }  // namespace SQLite
 
 namespace propertyservice {
@@ -57,13 +58,12 @@ class PersistentStorage {
  private:
   void writeBatch(const std::vector<Property>& batch);
   void executeBatch(const std::vector<Property>& batch);
-  const std::string& fullBatchStatement();
   void reopen();
 
   std::shared_ptr<SQLite::Database> database_;
   const std::size_t batchSize_ = 300;
-  std::string fullBatchStatement_;  ///< Empty until one is needed.
-  std::string lastBatchFailure_;    ///< Empty after a success.
+  std::unique_ptr<SQLite::Statement> fullBatch_;  ///< Prepared when one is needed.
+  std::string lastBatchFailure_;                  ///< Empty after a success.
 };
 
 }  // namespace propertyservice

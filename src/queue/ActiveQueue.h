@@ -7,7 +7,6 @@
 #include <functional>
 #include <mutex>
 #include <queue>
-#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -47,20 +46,17 @@ class ActiveQueue {
     wakeUp_.notify_one();
   }
 
-  /// Lets the worker handle what has been pushed and waits for its end. For good: there is no restart.
-  /// A second call does nothing.
+  /// Lets the worker handle what has been pushed and waits for its end; does not wait when the worker itself
+  /// calls. For good: there is no restart. A second call does nothing.
   void stop() {
     if (!stopped_) {
       const std::scoped_lock lock(mutex_);
       stopped_ = true;
       wakeUp_.notify_one();
     }
-    if (worker_.joinable()) {
-      try {
-        worker_.join();
-      } catch (const std::system_error&) {
-        // Stopped from its own worker, which ends by itself.
-      }
+    const bool calledByWorker = worker_.get_id() == std::this_thread::get_id();
+    if (worker_.joinable() && !calledByWorker) {
+      worker_.join();
     }
   }
 

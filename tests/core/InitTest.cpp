@@ -54,7 +54,7 @@ DevicePaths pathsIn(const TemporaryDirectory& directory) {
 class InitTest : public testing::Test {
  protected:
   InitTest() {
-    directory_.write("nvminit.sql", std::string(kTable) + kRows);
+    writeScript(kRows);
     directory_.write("model", "Halcyon 5 ADV\n");
     directory_.write("version", "1.2.3\n");
     directory_.write("address", "00:1a:2b:3c:4d:5e\n");
@@ -93,9 +93,11 @@ class InitTest : public testing::Test {
         .getString();
   }
 
-  void appendToScript(const std::string& rows) {
-    directory_.write("nvminit.sql", std::string(kTable) + kRows + rows);
+  void writeScript(const std::string& rows) {
+    directory_.write("nvminit.sql", "BEGIN;\n" + std::string(kTable) + rows + "COMMIT;\n");
   }
+
+  void appendToScript(const std::string& rows) { writeScript(kRows + rows); }
 
   bool exists(const std::string& name) const { return std::filesystem::exists(directory_.path(name)); }
 
@@ -204,7 +206,7 @@ TEST_F(InitTest, throwsForADatabaseFileThatIsNone) {
 }
 
 TEST_F(InitTest, throwsForAnEmptyTable) {
-  directory_.write("nvminit.sql", kTable);
+  writeScript("");
   LogCapture log;
 
   EXPECT_THROW(start(), PersistentStorageException);

@@ -155,10 +155,13 @@ class FullVolatileDiskTest : public testing::Test {
     return Property({{"key", "State.K" + std::to_string(number)}, {"value", std::string(1000, 'v')}});
   }
 
-  /// Writes until the disk is full; the property that was not written.
+  /// Writes until the disk is full, which is in the middle of a record of the log; the property that was not
+  /// written.
   Property writeUntilFull() {
+    Property first = state(0);
+    storage->set(first);
     disk.fill();
-    for (int number = 0;; ++number) {
+    for (int number = 1;; ++number) {
       Property property = state(number);
       try {
         storage->set(property);

@@ -481,6 +481,44 @@ TEST_F(PersistentStorageTest, givesEachRowOfAFullBatchItsOwnValue) {
   EXPECT_EQ(file.ask("SELECT count(*) FROM settings WHERE 'V' || substr(key, 2) = value"), "300");
 }
 
+TEST_F(PersistentStorageTest, writesFullBatchesAgainAfterOneThatFailed) {
+  file.fill(300);
+  std::queue<Property> bad = changes(299, "bad");
+  bad.push(change("K299", std::string(257, 'v')));
+  failureOf([&] { storage.updateValues(bad); });
+  std::queue<Property> good = changes(300, "new");
+
+  storage.updateValues(good);
+
+  EXPECT_EQ(file.rowsWith("new"), 300);
+}
+
+TEST_F(PersistentStorageTest, writesFullBatchesIntoATableThatWasMadeAnew) {
+  file.fill(300);
+  std::queue<Property> before = changes(300, "before");
+  storage.updateValues(before);
+  storage.dropTable();
+  storage.createTable();
+  file.fill(300);
+  std::queue<Property> queue = changes(300, "new");
+
+  storage.updateValues(queue);
+
+  EXPECT_EQ(file.rowsWith("new"), 300);
+}
+
+TEST_F(PersistentStorageTest, writesFullBatchesIntoAFileWrittenAnew) {
+  file.fill(300);
+  std::queue<Property> before = changes(300, "before");
+  storage.updateValues(before);
+  std::filesystem::remove(file.path());
+  std::queue<Property> queue = changes(300, "new");
+
+  storage.updateValues(queue);
+
+  EXPECT_EQ(file.rowsWith("new"), 300);
+}
+
 TEST_F(PersistentStorageTest, changesNothingForAnUnknownKeyInABatch) {
   file.fill(2);
 

@@ -2,12 +2,15 @@
 #include <atomic>
 #include <latch>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 
 #include "database/PersistentStorageException.h"
 #include "database/WriteBehind.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/SettingsFile.h"
+#include "support/TemporaryDirectory.h"
 
 namespace propertyservice {
 namespace {
@@ -331,6 +334,54 @@ TEST(WriteBehind, survivesAnyExceptionOfItsStorage) {
   writer.push(Property({{"key", "A"}, {"value", "x"}}));
 
   EXPECT_TRUE(eventually([&] { return calls == 2 && writer.isWaiting(); }));
+}
+
+/// The table in a file behind the writer; its connection does not wait for locks.
+class WriteBehindFileTest : public testing::Test {
+ protected:
+  void SetUp() override { file.fill(10); }
+
+  test::TemporaryDirectory directory;
+  test::SettingsFile file{directory.path("nvm")};
+  PersistentStorage storage{std::make_shared<SQLite::Database>(file.path(), SQLite::OPEN_READWRITE)};
+  WriteBehind writer{[this](std::queue<Property>& properties) { storage.updateValues(properties); }};
+};
+
+TEST_F(WriteBehindFileTest, losesNothingToAReaderThatHoldsTheFile) {
+  std::optional<test::Reader> reader(file.path());
+  writer.push(test::change("K0", "first"));
+  writer.push(test::change("K1", "only"));
+  ASSERT_TRUE(eventually([&] { return writer.isWaiting(); }));
+  writer.push(test::change("K0", "last"));
+  ASSERT_TRUE(eventually([&] { return writer.isWaiting(); }));
+
+  reader.reset();
+
+  EXPECT_TRUE(eventually([&] { return file.valueOf("K0") == "last" && file.valueOf("K1") == "only"; }));
+}
+
+TEST_F(WriteBehindFileTest, losesOnlyTheValueThatTheTableRefuses) {
+  std::optional<test::Reader> reader(file.path());
+  writer.push(test::change("K0", "new"));
+  writer.push(test::change("K1", std::string(257, 'v')));
+  writer.push(test::change("K2", "new"));
+
+  reader.reset();
+
+  EXPECT_TRUE(eventually([&] { return file.rowsWith("new") == 2; }));
+  EXPECT_EQ(file.valueOf("K1"), "old");
+}
+
+TEST_F(WriteBehindFileTest, leavesTheLastValueOfAKeyThatIsRepeatedInABatch) {
+  std::optional<test::Reader> reader(file.path());
+  for (const char* value : {"1", "2", "3"}) {
+    writer.push(test::change("K0", value));
+  }
+  reader.reset();
+
+  writer.stop();
+
+  EXPECT_EQ(file.valueOf("K0"), "3");
 }
 
 }  // namespace

@@ -51,7 +51,6 @@ Device::Device(const std::vector<Row>& rows) {
   writeFile("/etc/model", "Halcyon 5 ADV\n");
   writeFile("/etc/version", "1.2.3\n");
   writeScript(rows);
-  broker_.start();
 }
 
 std::vector<Row> Device::defaultRows() {

@@ -28,7 +28,7 @@ class SettingsFile {
 
   /// Adds rows K0, K1, ... with the value "old".
   void fill(int rows) const {
-    SQLite::Database database(path_, SQLite::OPEN_READWRITE);
+    SQLite::Database database(path_, SQLite::OPEN_READWRITE, kBusyTimeoutMs);
     SQLite::Statement insert(
         database,
         "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i + 1 < ?) "
@@ -39,7 +39,7 @@ class SettingsFile {
 
   /// The first cell of the answer as text; "(none)" without a row, "(null)" for NULL.
   std::string ask(const std::string& sql) const {
-    const SQLite::Database database(path_, SQLite::OPEN_READONLY);
+    const SQLite::Database database(path_, SQLite::OPEN_READONLY, kBusyTimeoutMs);
     SQLite::Statement query(database, sql);
     if (!query.executeStep()) {
       return "(none)";
@@ -57,6 +57,8 @@ class SettingsFile {
   }
 
  private:
+  static constexpr int kBusyTimeoutMs = 5000;
+
   const std::string path_;
 };
 
@@ -64,11 +66,13 @@ class SettingsFile {
 class Reader {
  public:
   explicit Reader(const std::string& path)
-      : database_(path, SQLite::OPEN_READONLY), query_(database_, "SELECT * FROM settings") {
+      : database_(path, SQLite::OPEN_READONLY, kBusyTimeoutMs), query_(database_, "SELECT * FROM settings") {
     query_.executeStep();
   }
 
  private:
+  static constexpr int kBusyTimeoutMs = 5000;
+
   SQLite::Database database_;
   SQLite::Statement query_;
 };

@@ -5,10 +5,10 @@
 #include <csignal>
 #include <exception>
 #include <iterator>
-#include <optional>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <poll.h>
 #include <set>
 #include <sys/socket.h>
