@@ -166,12 +166,14 @@ def parts_of(results, method):
     in_process = results.time(method + "/4096", 1000).median
     service = results.bus(DAEMON, method + " 1x1", "service_cpu_us").median
     broker = results.bus(DAEMON, method + " 1x1", "broker_cpu_us").median
+    bus_client = results.bus(IPC, method + " 1x1", "service_cpu_us").median
     # Not what the client waits for: with notifications and the disk the core is busy beyond the reply.
     period = 1e6 / results.bus(DAEMON, method + " 1x1", "per_second").median
     return [("broker", broker, "#8da0cb"),
             ("daemon: JSON", json_us, "#fc8d62"),
             ("daemon: the request", max(in_process - json_us, 0), "#e5533c"),
-            ("daemon: bus, log, workers", max(service - in_process, 0), "#ffd92f"),
+            ("daemon: bus client", bus_client, "#ffd92f"),
+            ("daemon: log, workers, disk", max(service - in_process - bus_client, 0), "#a6d854"),
             ("client, waiting", max(period - broker - service, 0), "#cccccc")]
 
 
