@@ -19,7 +19,7 @@ using namespace common::JSONDefinitions;
 
 namespace {
 
-constexpr std::size_t kLargestPayloadBytes = 1024 * 1024;
+constexpr std::size_t kLargestPayloadBytes = std::size_t{1024} * 1024;
 
 struct Shutdown {
   std::mutex mutex;

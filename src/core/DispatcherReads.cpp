@@ -41,9 +41,9 @@ Property Dispatcher::requestedProperty(const Json::Value& request) {
   const Json::Value& name = request[PROPERTY_PARAM];
   const std::string field = request[PROPERTY_FIELD].asString();
   if (field.empty()) {
-    property.set(column::kKey, name.asString());
+    property.set(column::kKey, reply::asText(name));
   } else if (field == column::kProvisioning || field == column::kWebui) {
-    property.set(field, name.asString());
+    property.set(field, reply::asText(name));
   } else {
     logger().warning() << "Unknown field: " << excerpt(field);
   }

@@ -17,9 +17,8 @@ namespace {
 
 constexpr std::uint32_t kWorkerTimeoutMs = 1000;
 
-/// The topic of a group for whoever listens.
 std::string topicOf(const std::string& group) {
-  return std::string(kServiceName) + "-" + group + "/any";
+  return std::string(kServiceName) + '-' + group + "/any";
 }
 
 std::string toLowerAscii(std::string text) {
@@ -79,7 +78,8 @@ void Messenger::publishGroup(const std::string& group, const std::string& payloa
 }
 
 void Messenger::publishAll(const std::string& payload) {
-  queue_->push({topicOf("groupnotify"), payload});
+  static const std::string kTopic = topicOf("groupnotify");
+  queue_->push({kTopic, payload});
 }
 
 void Messenger::publish(const Message& message) const {

@@ -1,7 +1,5 @@
 #include "core/Replies.h"
 
-#include <json/value.h>
-
 #include "common/JSONDefinitions.h"
 #include "core/Constants.h"
 #include "core/JsonText.h"
@@ -23,11 +21,15 @@ Json::Value withStatusMember(Status status) {
 Json::Value withKeyMember(const Property& property) {
   warnIfNotFound(property);
   Json::Value reply = withStatusMember(property.status());
-  reply[Json::StaticString(PROPERTY_PARAM)] = property.text(column::kKey);
+  reply[Json::StaticString(PROPERTY_PARAM)] = asText(property.member(column::kKey));
   return reply;
 }
 
 }  // namespace
+
+Json::Value asText(const Json::Value& value) {
+  return value.isString() ? value : Json::Value(value.asString());
+}
 
 std::string_view statusText(Status status) {
   const auto text = toText(status);
@@ -56,7 +58,7 @@ std::string withKey(const Property& property) {
 std::string withValue(const Property& property) {
   Json::Value reply = withKeyMember(property);
   if (property.status() != Status::NotFound) {
-    reply[Json::StaticString(PROPERTY_RESULT)] = property.text(column::kValue);
+    reply[Json::StaticString(PROPERTY_RESULT)] = asText(property.member(column::kValue));
   }
   return json::write(reply);
 }

@@ -3,11 +3,16 @@
 #include <string>
 #include <string_view>
 
+#include <json/value.h>
+
 #include "core/Property.h"
 #include "core/Status.h"
 
-/// What the replies to requests have in common. Safe from any thread.
+/// What requests and their replies have in common. Safe from any thread.
 namespace propertyservice::reply {
+
+/// The value as a JSON string; empty for null. Throws `Json::LogicError` for an array or an object.
+Json::Value asText(const Json::Value& value);
 
 /// The text of a status. A number that is no status is logged as an error and gives the empty text.
 std::string_view statusText(Status status);

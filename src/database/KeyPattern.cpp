@@ -1,7 +1,6 @@
 #include "database/KeyPattern.h"
 
 #include <algorithm>
-#include <iterator>
 #include <string_view>
 
 #include "core/Constants.h"
@@ -75,14 +74,11 @@ bool KeyPattern::matches(const std::string& key) const {
   if (key.size() < head_.size()) {
     return false;
   }
-  // From the back, because keys are alike at their beginnings. The library takes a NUL for the end of the
-  // key.
-  const auto agree = [](char expected, char byte) {
-    return expected == byte || (expected == '.' && byte != '\0');
-  };
-  const auto keyHeadEnd = key.begin() + static_cast<std::ptrdiff_t>(head_.size());
-  if (!std::equal(head_.rbegin(), head_.rend(), std::make_reverse_iterator(keyHeadEnd), agree)) {
-    return false;
+  // From the back, because keys are alike at their beginnings. The library takes a NUL for the key's end.
+  for (std::size_t i = head_.size(); i-- > 0;) {
+    if (head_[i] != key[i] && (head_[i] != '.' || key[i] == '\0')) {
+      return false;
+    }
   }
   return !expression_ || expression_->matches(key);
 }

@@ -41,6 +41,13 @@ void PersistentDatabaseCache::load(const std::vector<Property>& rows) {
       byProvisioning_[row.text(column::kProvisioning)] = &stored;
     }
   }
+
+  keys_.clear();
+  for (const auto& [key, property] : properties_) {
+    keys_.emplace_back(&key, &property);
+  }
+  webuiNames_ = namesOf(byWebui_);
+  provisioningNames_ = namesOf(byProvisioning_);
 }
 
 void PersistentDatabaseCache::get(Property& property) {
@@ -94,19 +101,29 @@ std::vector<Property> PersistentDatabaseCache::getMultiple(const std::string& ke
   Property property;
   property.set(selector.empty() ? column::kKey : selector, keyPattern);
   get(property);
-  if (property.status() != Status::Ok) {
-    return {};
+  std::vector<Property> found;
+  if (property.status() == Status::Ok) {
+    found.push_back(std::move(property));
   }
-  return {std::move(property)};
+  return found;
 }
 
 ProvisioningDump PersistentDatabaseCache::getProvisioningDump() {
   ProvisioningDump dump;
   dump.reserve(kExpectedDumpSize);
-  for (const auto& [name, property] : byProvisioning_) {
-    dump.emplace_back(name, property->text(column::kValue));
+  for (const auto& [name, property] : provisioningNames_) {
+    dump.emplace_back(*name, property->text(column::kValue));
   }
   return dump;
+}
+
+PersistentDatabaseCache::Names PersistentDatabaseCache::namesOf(const Index& index) {
+  Names names;
+  names.reserve(index.size());
+  for (const auto& [name, property] : index) {
+    names.emplace_back(&name, property);
+  }
+  return names;
 }
 
 Property* PersistentDatabaseCache::findByKey(const Property& wanted) {
@@ -123,10 +140,11 @@ Property* PersistentDatabaseCache::findByAlias(const Property& wanted) {
 
 std::vector<Property> PersistentDatabaseCache::match(const std::string& keyPattern,
                                                      const std::string& selector) const {
-  const Index* const index = selector == column::kWebui          ? &byWebui_
-                             : selector == column::kProvisioning ? &byProvisioning_
+  const Names* const names = selector.empty()                    ? &keys_
+                             : selector == column::kWebui        ? &webuiNames_
+                             : selector == column::kProvisioning ? &provisioningNames_
                                                                  : nullptr;
-  if (index == nullptr && !selector.empty()) {
+  if (names == nullptr) {
     logger().error() << "Wrong colunm ID in selectList (should be webui or provisioning.";
     return {};
   }
@@ -135,18 +153,9 @@ std::vector<Property> PersistentDatabaseCache::match(const std::string& keyPatte
     return {};
   }
   std::vector<Property> matching;
-  const auto collect = [&](const std::string& name, const Property& property) {
-    if (pattern->matches(name)) {
-      matching.push_back(property);
-    }
-  };
-  if (index != nullptr) {
-    for (const auto& [name, property] : *index) {
-      collect(name, *property);
-    }
-  } else {
-    for (const auto& [key, property] : properties_) {
-      collect(key, property);
+  for (const auto& [name, property] : *names) {
+    if (pattern->matches(*name)) {
+      matching.push_back(*property);
     }
   }
   return matching;

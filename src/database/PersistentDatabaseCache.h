@@ -2,6 +2,7 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "core/Property.h"
@@ -41,16 +42,24 @@ class PersistentDatabaseCache {
   virtual ProvisioningDump getProvisioningDump();
 
  private:
-  using Properties = std::unordered_map<std::string, Property>;
   using Index = std::unordered_map<std::string, Property*>;
+
+  /// The entries of a hash map in its own order, for walks through all of them: on its linked list the
+  /// processor would wait for memory at every step.
+  using Names = std::vector<std::pair<const std::string*, const Property*>>;
+
+  static Names namesOf(const Index& index);
 
   Property* findByKey(const Property& wanted);
   Property* findByAlias(const Property& wanted);
   std::vector<Property> match(const std::string& keyPattern, const std::string& selector) const;
 
-  Properties properties_;  // by key
-  Index byWebui_;          // into properties_
-  Index byProvisioning_;   // into properties_
+  std::unordered_map<std::string, Property> properties_;  // by key
+  Index byWebui_;                                         // into properties_, like all below
+  Index byProvisioning_;
+  Names keys_;
+  Names webuiNames_;
+  Names provisioningNames_;
 };
 
 }  // namespace propertyservice

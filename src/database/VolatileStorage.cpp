@@ -34,9 +34,9 @@ void VolatileStorage<Db>::get(Property& property) {
   std::string text;
   if (!read(property, text)) {
     property.setStatus(Status::NotFound);
-    logger().warning() << "Get property failed for key: " << property.text(column::kKey);
+    logger().warning() << "Get property failed for key: " << excerpt(property.text(column::kKey));
   }
-  property.set(column::kValue, std::move(text));
+  property.set(column::kValue, text);
 }
 
 template <typename Db>

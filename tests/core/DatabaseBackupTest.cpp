@@ -19,7 +19,6 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
-using testing::SizeIs;
 
 constexpr char kRecovery[] = "State.System.General.FirmwareUpdateParametersRecovery";
 
@@ -62,14 +61,13 @@ class DatabaseBackupTest : public testing::Test {
   DatabaseBackupTest() {
     SQLite::Database database(paths_.database, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database.exec(
-        "BEGIN; CREATE TABLE settings(key TEXT PRIMARY KEY, value TEXT, webui TEXT, provisioning TEXT, tr069 "
-        "TEXT, "
-        "range_min INTEGER, range_max INTEGER, regexp TEXT, enum TEXT, flags INTEGER, defaultvalues TEXT)");
-    for (const std::string flag : {"0", "1", "2", "4", "8", "16", "32", "64", "128"}) {
-      database.exec("INSERT INTO settings VALUES ('F" + flag + "', 'of " + flag +
-                    "', 'w', NULL, 't', 1, 9, 'r', 'e', " + flag + ", 'd')");
-    }
-    database.exec("INSERT INTO settings(key, value) VALUES ('Unflagged', 'x'); COMMIT");
+        "BEGIN;"
+        "CREATE TABLE settings(key TEXT PRIMARY KEY, value TEXT, webui TEXT, provisioning TEXT, tr069 TEXT, "
+        "range_min INTEGER, range_max INTEGER, regexp TEXT, enum TEXT, flags INTEGER, defaultvalues TEXT);"
+        "WITH bits(b) AS (VALUES (0), (1), (2), (4), (8), (16), (32), (64), (128)) "
+        "INSERT INTO settings SELECT 'F' || b, 'of ' || b, 'w', NULL, 't', 1, 9, 'r', 'e', b, 'd' FROM bits;"
+        "INSERT INTO settings(key, value) VALUES ('Unflagged', 'x');"
+        "COMMIT");
     service_->add({{"key", "NVM.Version"}, {"value", "17"}});
     service_->add({{"key", kRecovery}, {"value", ""}});
   }

@@ -49,6 +49,24 @@ DevicePaths pathsIn(const TemporaryDirectory& directory) {
   return paths;
 }
 
+/// Has the shell find a program before the installed one of that name, while it lives.
+class ProgramInFront {
+ public:
+  // NOLINTBEGIN(concurrency-mt-unsafe): the device is not running
+  ProgramInFront(const TemporaryDirectory& directory, const std::string& name, const std::string& script) {
+    std::filesystem::create_directory(directory.path("bin"));
+    std::filesystem::permissions(directory.write("bin/" + name, script), std::filesystem::perms::owner_all);
+    setenv("PATH", (directory.path("bin") + ":" + pathBefore_).c_str(), 1);
+  }
+  ProgramInFront(const ProgramInFront&) = delete;
+  ProgramInFront& operator=(const ProgramInFront&) = delete;
+  ~ProgramInFront() { setenv("PATH", pathBefore_.c_str(), 1); }
+
+ private:
+  const std::string pathBefore_ = std::getenv("PATH");
+  // NOLINTEND(concurrency-mt-unsafe)
+};
+
 /// A device that has never been started: its system files and the creation script, and nothing else. Puts the
 /// log's mask back.
 class InitTest : public testing::Test {
@@ -128,16 +146,10 @@ TEST_F(InitTest, opensAnExistingDatabaseAsItIs) {
 TEST_F(InitTest, runsNoShellForAnExistingDatabase) {
   start();
   shutDown();
-  const std::string ran = directory_.path("ran");
-  std::filesystem::create_directory(directory_.path("bin"));
-  std::filesystem::permissions(directory_.write("bin/sqlite3", "#!/bin/sh\n: > " + ran + "\n"),
-                               std::filesystem::perms::owner_all);
-  const std::string pathBefore = std::getenv("PATH");
-  setenv("PATH", (directory_.path("bin") + ":" + pathBefore).c_str(), 1);
+  const ProgramInFront sqlite3(directory_, "sqlite3", "#!/bin/sh\ntouch " + directory_.path("ran") + "\n");
 
   start();
 
-  setenv("PATH", pathBefore.c_str(), 1);
   EXPECT_FALSE(exists("ran"));
 }
 

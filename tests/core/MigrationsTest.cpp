@@ -1,4 +1,5 @@
 #include "core/Constants.h"
+#include "core/JsonText.h"
 #include "core/Migrations.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryDirectory.h"
@@ -17,6 +18,7 @@ using testing::SizeIs;
 
 std::vector<Property> entries(std::initializer_list<std::string> keys) {
   std::vector<Property> properties;
+  properties.reserve(keys.size());
   for (const std::string& key : keys) {
     properties.push_back(Property({{column::kKey, key}, {column::kValue, "of " + key}}));
   }
@@ -25,6 +27,7 @@ std::vector<Property> entries(std::initializer_list<std::string> keys) {
 
 std::vector<std::string> keys(const std::vector<Property>& properties) {
   std::vector<std::string> texts;
+  texts.reserve(properties.size());
   for (const Property& property : properties) {
     texts.push_back(property.text(column::kKey));
   }
@@ -32,11 +35,13 @@ std::vector<std::string> keys(const std::vector<Property>& properties) {
 }
 
 std::string renames(std::initializer_list<std::pair<std::string, std::string>> rules) {
-  std::string text;
+  Json::Value document;
   for (const auto& [oldKey, newKey] : rules) {
-    text += (text.empty() ? "" : ",") + (R"({"oldKey":")" + oldKey + R"(","newKey":")" + newKey + R"("})");
+    Json::Value& rule = document["rename"].append(Json::objectValue);
+    rule["oldKey"] = oldKey;
+    rule["newKey"] = newKey;
   }
-  return R"({"rename":[)" + text + "]}";
+  return json::write(document);
 }
 
 /// A device with migration files.

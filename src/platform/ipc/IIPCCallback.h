@@ -5,7 +5,9 @@
 namespace ipc {
 
 /// What a client of the bus is told. All calls come on the bus client's one callback thread, one at a time.
-/// An exception that leaves a call is caught by the bus client and logged as an error.
+/// An exception that leaves a call is caught by the bus client and logged as an error. A callback is told of
+/// each lost connection, each delivery and each message that one of its subscriptions matches, once however
+/// many subscriptions it has.
 class IIPCCallback {
  public:
   virtual ~IIPCCallback() = default;
@@ -15,7 +17,7 @@ class IIPCCallback {
 
   virtual void messageArrived(const std::string& topic, const std::string& payload) = 0;
 
-  /// The broker has acknowledged a message that this client published on `topic`.
+  /// The broker has acknowledged a message that this client published on `topic`; one of QoS 0 was written.
   virtual void deliveryComplete(const std::string& topic) = 0;
 };
 

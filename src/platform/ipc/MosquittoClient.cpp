@@ -29,18 +29,18 @@ using namespace std::chrono_literals;
 constexpr int kPort = 1883;
 
 // A connection that is silent for so long is probed with a ping, and given up when that stays unanswered for
-// as long again. libmosquitto looks at its clock when it is called, for which the idle loop wakes up.
+// as long again. libmosquitto keeps that time only while it is called, so an idle loop wakes up for it.
 constexpr int kKeepAliveSeconds = 30;
 constexpr int kIdleWakeUpMs = 10'000;
 
 constexpr auto kFirstAnswerWithin = 10s;
-constexpr auto kAnswerWithin = 3s;
+constexpr auto kAnswerWithin = 3s;  // When the connection is to come back.
 constexpr auto kShortestPause = 50ms;
 constexpr auto kLongestPause = 1s;
 constexpr auto kSteadyAfter = 5s;
 constexpr auto kLastAcknowledgementsWithin = 2s;
 
-// libmosquitto takes its own number where it has more to read or write.
+// An argument that libmosquitto checks and does not use.
 constexpr int kPackets = 1;
 
 dbg::Debug& logger() {
@@ -228,7 +228,7 @@ void MosquittoClient::publish(const std::string& topic, const std::string& paylo
   if (!outbox_.hasRoomFor(topic.size() + payload.size())) {
     throw IPCException("publish on " + shown(topic) + ": too much waits for the broker");
   }
-  if (connection_ != Connection::open || !outbox_.mayDepartAtOnce()) {
+  if (connection_ != Connection::open || !outbox_.mayDepartAtOnce(qos)) {
     outbox_.wait(topic, payload, qos);
     return;
   }
@@ -271,7 +271,7 @@ MosquittoClient::Library MosquittoClient::makeLibrary(bool cleanSession) {
   mosquitto_threaded_set(raw, true);
   mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, Outbox::kMostInFlight);
+  mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, int{Outbox::kMostInFlight});
 
   mosquitto_connect_callback_set(raw, [](mosquitto*, void* self, int answer) {
     static_cast<MosquittoClient*>(self)->onConnect(answer);
@@ -353,6 +353,7 @@ void MosquittoClient::connectionAnswered() {
   }
   connection_ = Connection::open;
   opened_ = true;
+  failure_.clear();
   openSince_ = Clock::now();
   changed_.notify_all();
 }

@@ -6,7 +6,7 @@
 namespace ipc {
 
 const Outbox::Message* Outbox::next() const {
-  return waiting_.empty() || inFlight_.size() >= kMostInFlight ? nullptr : &waiting_.front();
+  return waiting_.empty() || !mayDepart(waiting_.front().qos) ? nullptr : &waiting_.front();
 }
 
 void Outbox::wait(const std::string& topic, const std::string& payload, int qos) {
@@ -21,6 +21,7 @@ void Outbox::removeNext() {
 
 void Outbox::departed(int id, int qos, const std::string& topic, std::size_t bytes) {
   inFlight_.push_back({id, qos, topic, bytes});
+  inFlightQos2_ += qos == 2 ? 1 : 0;
   bytes_ += bytes;
 }
 
@@ -33,6 +34,7 @@ std::optional<std::string> Outbox::acknowledged(int id) {
   }
   std::string topic = std::move(flight->topic);
   bytes_ -= flight->bytes;
+  inFlightQos2_ -= flight->qos == 2 ? 1 : 0;
   inFlight_.erase(flight);
   return topic;
 }
@@ -49,6 +51,7 @@ void Outbox::connectionLost() {
 
 void Outbox::clear() {
   inFlight_.clear();
+  inFlightQos2_ = 0;
   waiting_.clear();
   bytes_ = 0;
 }

@@ -21,7 +21,11 @@ class Outbox {
   };
 
   static constexpr std::size_t kMostBytes = 64U << 20;  ///< Topics and payloads together.
-  static constexpr int kMostInFlight = 128;
+  static constexpr std::size_t kMostInFlight = 128;
+
+  /// Of QoS 2. Mosquitto acknowledges and drops what a client sends beyond its `max_inflight_messages`, 20 by
+  /// default.
+  static constexpr std::size_t kMostInFlightQos2 = 20;
 
   bool empty() const { return inFlight_.empty() && waiting_.empty(); }
 
@@ -31,7 +35,7 @@ class Outbox {
   const Message* next() const;
 
   /// Whether a new message may go at once, overtaking none.
-  bool mayDepartAtOnce() const { return waiting_.empty() && inFlight_.size() < kMostInFlight; }
+  bool mayDepartAtOnce(int qos) const { return waiting_.empty() && mayDepart(qos); }
 
   void wait(const std::string& topic, const std::string& payload, int qos);
 
@@ -57,7 +61,12 @@ class Outbox {
     std::size_t bytes;
   };
 
+  bool mayDepart(int qos) const {
+    return inFlight_.size() < kMostInFlight && (qos < 2 || inFlightQos2_ < kMostInFlightQos2);
+  }
+
   std::deque<Flight> inFlight_;
+  std::size_t inFlightQos2_ = 0;
   std::deque<Message> waiting_;
   std::size_t bytes_ = 0;
 };

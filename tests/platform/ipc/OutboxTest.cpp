@@ -49,7 +49,7 @@ TEST(Outbox, countsWhatWaits) {
 
 TEST(Outbox, holdsBackWhatFindsTheFlightFull) {
   Outbox outbox;
-  for (int id = 1; id <= Outbox::kMostInFlight; ++id) {
+  for (int id = 1; id <= int{Outbox::kMostInFlight}; ++id) {
     outbox.departed(id, 1, "a", 1);
   }
   outbox.wait("next", "payload", 2);
@@ -61,13 +61,25 @@ TEST(Outbox, holdsBackWhatFindsTheFlightFull) {
   EXPECT_EQ(outbox.next()->qos, 2);
 }
 
+TEST(Outbox, keepsTheFlightOfMessagesOfQos2WithinWhatTheBrokerTakes) {
+  Outbox outbox;
+  for (int id = 1; id <= int{Outbox::kMostInFlightQos2}; ++id) {
+    outbox.departed(id, 2, "a", 1);
+  }
+
+  EXPECT_FALSE(outbox.mayDepartAtOnce(2));
+  EXPECT_TRUE(outbox.mayDepartAtOnce(1));
+  outbox.acknowledged(1);
+  EXPECT_TRUE(outbox.mayDepartAtOnce(2));
+}
+
 TEST(Outbox, letsNoMessageOvertakeOneThatWaits) {
   Outbox outbox;
-  EXPECT_TRUE(outbox.mayDepartAtOnce());
+  EXPECT_TRUE(outbox.mayDepartAtOnce(1));
 
   outbox.wait("a", "", 1);
 
-  EXPECT_FALSE(outbox.mayDepartAtOnce());
+  EXPECT_FALSE(outbox.mayDepartAtOnce(1));
 }
 
 TEST(Outbox, forgetsOnlyMessagesOfQos0WithTheConnection) {
