@@ -22,8 +22,7 @@ struct BackupFile {
 
 /// Reads the text of a backup file, damaged or not. A key reaches up to the next ";" and a value from there
 /// up to the next line break, whatever else is in them; neither reaches into the version marker. Where no
-/// further
-/// ";" comes before the marker, the reading ends.
+/// further ";" comes before the marker, the reading ends.
 BackupFile parseBackup(std::string_view text);
 
 /// The same for the file at `path`. Throws `std::runtime_error` when it cannot be read.

@@ -15,7 +15,8 @@ namespace propertyservice {
 /// every value restored passes the validators.
 ///
 /// An export sees every write that was accepted before it. A restore removes its file only once the database
-/// file has the values; a power cut before that has it restored again.
+/// file has the values; a power cut before that has it restored again. Neither waits for a database file that
+/// cannot be written.
 class DatabaseBackup final : public IDatabaseBackup {
  public:
   explicit DatabaseBackup(std::shared_ptr<IDatabaseService> database, DevicePaths paths = {});

@@ -106,7 +106,7 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& pay
 }
 
 void Dispatcher::deliveryComplete(const std::string& topic) {
-  logger().info() << "Delivery completed on topic " << [&] { return common::quote(topic); };
+  logger().info() << "Delivery completed on topic " << [&] { return common::quote(excerpt(topic)); };
 }
 
 void Dispatcher::waitForShutdown() {

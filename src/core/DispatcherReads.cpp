@@ -38,12 +38,12 @@ void dropEmptyValue(Property& property) {
 
 Property Dispatcher::requestedProperty(const Json::Value& request) {
   Property property;
-  const Json::Value& name = request[PROPERTY_PARAM];
+  const std::string name = request[PROPERTY_PARAM].asString();
   const std::string field = request[PROPERTY_FIELD].asString();
   if (field.empty()) {
-    property.set(column::kKey, reply::asText(name));
+    property.set(column::kKey, name);
   } else if (field == column::kProvisioning || field == column::kWebui) {
-    property.set(field, reply::asText(name));
+    property.set(field, name);
   } else {
     logger().warning() << "Unknown field: " << excerpt(field);
   }
@@ -71,8 +71,7 @@ std::string Dispatcher::getColumns(const Json::Value& request) {
     reply::warnIfNotFound(property);
     dropEmptyValue(property);
     response[Json::StaticString(PROPERTY_RESULT)].append(property.json());
-    const std::string_view status = reply::statusText(property.status());
-    response[Json::StaticString(PROPERTY_STATUS)] = Json::Value(status.data(), status.data() + status.size());
+    response[Json::StaticString(PROPERTY_STATUS)] = std::string(reply::statusText(property.status()));
   }
   return json::write(response);
 }

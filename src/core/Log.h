@@ -7,7 +7,7 @@
 
 namespace propertyservice {
 
-/// The log of this daemon, tag "PROP-SRV". Exists before `main` and until the process ends.
+/// The log of this daemon, tag "PROP-SRV". Usable before `main` and until the process ends.
 dbg::Debug& logger();
 
 /// What a log entry shows of text that a client sent: all of it up to 4 KiB, else its first 4 KiB and its

@@ -40,7 +40,7 @@ class IDatabaseService {
   /// Resets every persistent property that matches; returns them with their statuses.
   virtual std::vector<Property> resetMultiple(const std::string& keyPattern) = 0;
 
-  /// True when every accepted write has been handed to the database file.
+  /// True when every accepted write has been handed to the database file, or waits because that fails.
   virtual bool isWriterIdle() = 0;
 
   virtual ProvisioningDump getProvisioningDump() = 0;

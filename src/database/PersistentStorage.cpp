@@ -29,6 +29,9 @@ using Reason = PersistentStorageException::Reason;
 
 constexpr int kBusyTimeoutMs = 5000;
 
+/// The bits of SQLite's primary result code in an extended one.
+constexpr int kPrimaryCode = 0xff;
+
 constexpr const char* kCreate =
     "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
     "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
@@ -70,7 +73,6 @@ constexpr std::array kIntegerParameters = {
 };
 
 Reason reasonOf(const std::exception& error) {
-  constexpr int kPrimaryCode = 0xff;
   const auto* const failure = dynamic_cast<const SQLite::Exception*>(&error);
   const bool refused = failure != nullptr && (failure->getErrorCode() & kPrimaryCode) == SQLITE_CONSTRAINT;
   const bool unbindable = dynamic_cast<const std::logic_error*>(&error) != nullptr ||
@@ -90,6 +92,11 @@ auto reportingFailure(Operation operation) {
   }
 }
 
+/// A table may hold integers that are wider than those from text.
+std::int64_t integerOf(const Json::Value& member) {
+  return member.isInt64() ? member.asInt64() : toInteger(member.asString());
+}
+
 void bind(SQLite::Statement& statement, const Property& property) {
   for (const auto& [column, parameter] : kTextParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
@@ -98,7 +105,7 @@ void bind(SQLite::Statement& statement, const Property& property) {
   }
   for (const auto& [column, parameter] : kIntegerParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
-      statement.bind(parameter, toInteger(member.asString()));
+      statement.bind(parameter, integerOf(member));
     }
   }
 }
@@ -142,7 +149,7 @@ class RowReader {
 /// What `member` is once it has been written to that column and read back.
 Json::Value asStored(std::string_view column, const Json::Value& member) {
   const bool isText = std::find(column::kText.begin(), column::kText.end(), column) != column::kText.end();
-  return isText ? Json::Value(member.asString()) : Json::Value(toInteger(member.asString()));
+  return isText ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
 }
 
 /// Takes over the members that `property` carries; false when the row holds them all already.
@@ -279,14 +286,18 @@ void PersistentStorage::writeBatch(const std::vector<Property>& batch) {
     try {
       executeBatch(batch);
     } catch (const SQLite::Exception& error) {
-      if (error.getExtendedErrorCode() != SQLITE_READONLY_DBMOVED) {
+      // Of these a connection never recovers: a file that could only be read when it was opened, or that is
+      // no longer the one at its path.
+      if ((error.getErrorCode() & kPrimaryCode) != SQLITE_READONLY) {
         throw;
       }
-      reopen();
+      reopen(error.getExtendedErrorCode() == SQLITE_READONLY_DBMOVED);
       executeBatch(batch);
     }
     lastBatchFailure_.clear();
   } catch (const std::exception& error) {
+    // One that met a lock counts as running, and no other statement's changes are committed while it does.
+    fullBatch_.reset();
     // The writer tries again and again while the disk fails; that is one event, not one a second.
     if (lastBatchFailure_ != error.what()) {
       lastBatchFailure_ = error.what();
@@ -310,9 +321,10 @@ void PersistentStorage::executeBatch(const std::vector<Property>& batch) {
   writeValues(*fullBatch_, batch);
 }
 
-void PersistentStorage::reopen() {
+void PersistentStorage::reopen(bool moved) {
   const std::string path = database_->getFilename();
-  const bool removed = !std::filesystem::exists(path);
+  // A sqlite3 shell that is asked for a missing file leaves an empty one.
+  const bool removed = !std::filesystem::exists(path) || std::filesystem::is_empty(path);
   if (removed) {
     const std::string unfinished = path + ".new";
     std::filesystem::remove(unfinished);
@@ -323,8 +335,10 @@ void PersistentStorage::reopen() {
   }
   fullBatch_.reset();
   database_ = openDatabase(path);
-  logger().warning() << "Database file was " << (removed ? "removed and is written anew: " : "replaced: ")
-                     << path;
+  if (removed || moved) {
+    logger().warning() << "Database file was " << (removed ? "removed and is written anew: " : "replaced: ")
+                       << path;
+  }
 }
 
 }  // namespace propertyservice

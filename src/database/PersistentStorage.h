@@ -43,8 +43,9 @@ class PersistentStorage {
   /// of the queue. When it throws, the statements before the failed one have been written, and no row of the
   /// failed one. A failure that repeats the one before is not logged again.
   ///
-  /// A database file that was removed under the connection is written anew from it; one that was replaced is
-  /// opened in its place.
+  /// A database file that was removed under the connection, or gave way to an empty one, is written anew from
+  /// it; another that stands in its place is opened instead, and so is its own once a file that could only be
+  /// read can be written.
   virtual void updateValues(std::queue<Property>& properties);
 
   /// Fills the property from the row of its "key". A NULL value is read as the empty text, any other NULL as
@@ -58,7 +59,7 @@ class PersistentStorage {
  private:
   void writeBatch(const std::vector<Property>& batch);
   void executeBatch(const std::vector<Property>& batch);
-  void reopen();
+  void reopen(bool moved);
 
   std::shared_ptr<SQLite::Database> database_;
   const std::size_t batchSize_ = 300;

@@ -94,6 +94,11 @@ TEST_F(DispatcherReadsTest, getVTakesTheTextOfAName) {
   EXPECT_EQ(ask(R"({"method":"getV"})")["result"], Json::Value("nameless"));
 }
 
+TEST_F(DispatcherReadsTest, getVThrowsForANameWithoutAText) {
+  EXPECT_THROW(ask(R"({"method":"getV","param":["Web.Port"]})"), Json::LogicError);
+  EXPECT_THROW(ask(R"({"method":"getV","param":["Web.Port"],"field":"tr069"})"), Json::LogicError);
+}
+
 TEST_F(DispatcherReadsTest, getVPublishesNoNotification) {
   ask(R"({"method":"getV","param":"Web.Port"})");
 
@@ -177,6 +182,15 @@ TEST_F(DispatcherReadsTest, getColsLAnswersTheStatusOfTheLastProperty) {
 
   EXPECT_EQ(log.linesWith("warning ").size(), 1U);
   EXPECT_EQ(log.linesWith("Property not found in database, key: Web.Empty").size(), 1U);
+}
+
+TEST_F(DispatcherReadsTest, getColsLLogsAStatusWithoutAText) {
+  LogCapture log;
+  database->rows.at("Web.Port").setStatus(static_cast<Status>(10));
+
+  EXPECT_EQ(ask(R"({"method":"getColsL","param":"Web.Port"})")["status"], Json::Value(""));
+
+  EXPECT_EQ(log.linesWith("Status conversion to string failed").size(), 1U);
 }
 
 TEST_F(DispatcherReadsTest, getColsLAnswersANullStatusWhenNothingMatches) {

@@ -250,13 +250,25 @@ TEST_F(DispatcherTest, logsACompletedDelivery) {
   EXPECT_EQ(log.linesWith("Delivery completed on topic \"prop-service/panel\"").size(), 1U);
 }
 
+TEST_F(DispatcherTest, showsTheStartOfALongTopicInTheLog) {
+  LogCapture log;
+
+  dispatcher.deliveryComplete("prop-service/" + std::string(60'000, 'x'));
+
+  EXPECT_EQ(log.linesWith("Delivery completed on topic \"prop-service/xxx").size(), 1U);
+  EXPECT_LT(log.text().size(), 5000U);
+}
+
 /// Serves without waiting for a termination.
 class BriefDispatcher : public Dispatcher {
  public:
   explicit BriefDispatcher(std::shared_ptr<FakeIPCClient> client)
       : Dispatcher(client, nullptr, nullptr, nullptr), client_(std::move(client)) {}
 
-  void waitForShutdown() override { client_->calls.emplace_back("waitForShutdown"); }
+  void waitForShutdown() override {
+    client_->calls.emplace_back("waitForShutdown");
+    client_->failIf("waitForShutdown");
+  }
 
  private:
   const std::shared_ptr<FakeIPCClient> client_;
@@ -307,6 +319,13 @@ TEST_F(DispatcherRunTest, failsWithTheConnection) {
   expectFailureOf("connect");
 
   EXPECT_THAT(client->calls, ElementsAre("subscribe +/prop-service", "connect 0 2 localhost"));
+}
+
+TEST_F(DispatcherRunTest, failsWithTheWait) {
+  expectFailureOf("waitForShutdown");
+
+  EXPECT_THAT(client->calls,
+              ElementsAre("subscribe +/prop-service", "connect 0 2 localhost", "waitForShutdown"));
 }
 
 TEST_F(DispatcherRunTest, failsWithTheDisconnection) {

@@ -1,3 +1,5 @@
+#include <exception>
+
 #include "core/Constants.h"
 #include "core/Property.h"
 #include "support/LogCapture.h"
@@ -6,6 +8,16 @@ namespace propertyservice {
 namespace {
 
 using test::LogCapture;
+
+/// The standard library's own words.
+std::string reasonAgainst(const std::string& text) {
+  try {
+    std::stoi(text);
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "";
+}
 
 TEST(Property, startsAsNullWithStatusOk) {
   const Property property;
@@ -30,6 +42,7 @@ TEST(Property, leavesOutEverythingFromATextThatIsNoIntegerOn) {
 
   EXPECT_EQ(property.json().getMemberNames(), std::vector<std::string>{"key"});
   EXPECT_EQ(log.linesWith("warning core/Property:").size(), 1U);
+  EXPECT_EQ(log.linesWith(reasonAgainst("abc")).size(), 1U);
 }
 
 TEST(Property, leavesOutAnEmptyInteger) {

@@ -60,6 +60,10 @@ class SmallDisk {
     ASSERT_EQ(mount("small", directory_.path().c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, nullptr), 0);
   }
 
+  void makeWritable() const {
+    ASSERT_EQ(mount("small", directory_.path().c_str(), "tmpfs", MS_REMOUNT, nullptr), 0);
+  }
+
  private:
   TemporaryDirectory directory_;
 };
@@ -112,6 +116,32 @@ TEST_F(FullDiskTest, failsForNowOnAReadOnlyDisk) {
   EXPECT_EQ(failureOfWrite(), std::pair(std::string("attempt to write a readonly database"), true));
 
   EXPECT_EQ(storage->selectMultiple("%").size(), 10U);
+}
+
+TEST_F(FullDiskTest, writesOnceADiskThatWasReadOnlyCanBeWritten) {
+  file.fill(10);
+  storage.reset();
+  disk.makeReadOnly();
+  storage.emplace(openDatabase(file.path()));
+  failureOfWrite();
+
+  disk.makeWritable();
+
+  EXPECT_EQ(failureOfWrite().first, "");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+}
+
+TEST_F(FullDiskTest, isLoggedOnceWhileTheDiskIsReadOnly) {
+  file.fill(10);
+  storage.reset();
+  disk.makeReadOnly();
+  storage.emplace(openDatabase(file.path()));
+  LogCapture log;
+
+  failureOfWrite();
+  failureOfWrite();
+
+  EXPECT_EQ(log.linesWith("error database/PersistentStorage:").size(), 1U);
 }
 
 TEST_F(FullDiskTest, bringsTheLastAcceptedValuesToTheFileOnceSpaceIsFreed) {

@@ -297,6 +297,16 @@ TEST_F(PersistentStorageTest, leavesTheOtherColumnsWhenItUpdatesAValue) {
   EXPECT_EQ(selected("Web.A"), expected);
 }
 
+TEST_F(PersistentStorageTest, updatesARowWithABoundBeyond32Bits) {
+  storage.insert(full);
+  database->exec("UPDATE settings SET range_max = 4294967295");
+
+  storage.update(change("Web.A", "2"));
+
+  EXPECT_EQ(selected("Web.A").text("value"), "2");
+  EXPECT_EQ(selected("Web.A").get("range_max"), Json::Value(Json::Int64{4294967295}));
+}
+
 TEST_F(PersistentStorageTest, updatesEveryColumnThatIsGiven) {
   storage.insert(full);
   const Property other({{"key", "Web.A"},
@@ -616,6 +626,22 @@ TEST_F(PersistentStorageTest, failsForNowWhileAReaderHoldsTheDatabase) {
   EXPECT_EQ(file.valueOf("K0"), "new");
 }
 
+TEST_F(PersistentStorageTest, bringsToTheFileWhatItTakesAfterAFullBatchMetALock) {
+  file.fill(300);
+  PersistentStorage hasty = impatient();
+  SQLite::Database other(file.path(), SQLite::OPEN_READWRITE);
+  other.exec("BEGIN IMMEDIATE");
+  std::queue<Property> batch = changes(300, "new");
+  const auto failure = failureOf([&] { hasty.updateValues(batch); });
+  other.exec("COMMIT");
+
+  const auto failureAfterwards = failureOfWrite(hasty);
+
+  EXPECT_EQ(textOf(failure), "database is locked");
+  EXPECT_EQ(textOf(failureAfterwards), "(no failure)");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+}
+
 TEST_F(PersistentStorageTest, waitsForAReaderToLetGoOfTheDatabase) {
   file.fill(1);
   std::optional<Reader> reader(file.path());
@@ -716,6 +742,18 @@ TEST_F(PersistentStorageTest, writesIntoTheFileThatReplacedItsOwn) {
   EXPECT_EQ(textOf(failure), "(no failure)");
   EXPECT_EQ(file.valueOf("K0"), "new");
   EXPECT_EQ(file.rowsWith("old"), 2);
+}
+
+TEST_F(PersistentStorageTest, writesItsOwnFileAnewOverAnEmptyOne) {
+  file.fill(2);
+  std::filesystem::remove(file.path());
+  directory.write("nvm", "");
+
+  const auto failure = failureOfWrite(storage);
+
+  EXPECT_EQ(textOf(failure), "(no failure)");
+  EXPECT_EQ(file.valueOf("K0"), "new");
+  EXPECT_EQ(file.rowsWith("old"), 1);
 }
 
 TEST_F(PersistentStorageTest, failsForNowWhenTheFolderWentWithTheFile) {

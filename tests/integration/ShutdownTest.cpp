@@ -103,7 +103,8 @@ TEST(Shutdown, inABurstLeavesTheRestForTheNextStart) {
   device.restart();
 
   EXPECT_TRUE(burst.waitForReplies(1000));
-  EXPECT_EQ(device.getValue(Burst::key(999)), "999");
+  // A request that was under way may be served twice, so the client that sent the burst cannot ask.
+  EXPECT_EQ(BusClient("observer").request(makeRequest("getV", Burst::key(999)))["result"], "999");
 }
 
 TEST(Shutdown, byKillLeavesAWholeDatabaseAndAStartThatWorks) {

@@ -81,6 +81,21 @@ TEST(StartUp, endsWithOneErrorLineAtAnUnknownOption) {
   EXPECT_FALSE(Device::exists(Device::kDatabase));
 }
 
+TEST(StartUp, looksForNoBrokerAfterAnUnknownOption) {
+  Device device;
+  device.broker().stop();
+
+  EXPECT_EQ(device.runToEnd({"--reset-everything"}), 1);
+}
+
+TEST(StartUp, looksForNoBrokerWithoutADatabase) {
+  Device device;
+  device.broker().stop();
+  std::filesystem::remove(Device::kScript);
+
+  EXPECT_EQ(device.runToEnd({}), 1);
+}
+
 TEST(StartUp, showsItsHelpAndStartsNothing) {
   Device device;
 
@@ -138,7 +153,11 @@ TEST(StartUp, endsWhenTheVolatileStoreCannotBeOpened) {
   EXPECT_EQ(
       device.logLines("Volatile database cannot be initialized: /var/volatile/stateCache Error: ").size(),
       1U);
-  EXPECT_EQ(device.logLines("CRITICAL. Database was not initialized. Exitting.").size(), 1U);
+  EXPECT_EQ(device
+                .logLines("Database could not be initialized\\n"
+                          "CRITICAL. Database was not initialized. Exitting.")
+                .size(),
+            1U);
 }
 
 TEST(StartUp, endsAbnormallyWithoutABroker) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <fstream>
 #include <netinet/in.h>
@@ -25,13 +26,14 @@ namespace propertyservice::test {
 class Broker {
  public:
   /// Starts it. `configuration` has further lines of its configuration file.
-  explicit Broker(const std::string& configuration = "allow_anonymous true\n")
-      : file_(directory_.write("mosquitto.conf",
-                               "listener 1883 127.0.0.1\n"
-                               "user root\n"
-                               "set_tcp_nodelay true\n"
-                               "persistence_location " +
-                                   directory_.path() + "\n" + configuration)),
+  explicit Broker(const std::string& configuration = "allow_anonymous true\n", std::uint16_t port = 1883)
+      : port_(port),
+        file_(directory_.write("mosquitto.conf", "listener " + std::to_string(port) +
+                                                     " 127.0.0.1\n"
+                                                     "user root\n"
+                                                     "set_tcp_nodelay true\n"
+                                                     "persistence_location " +
+                                                     directory_.path() + "\n" + configuration)),
         log_(directory_.path("log")) {
     start();
   }
@@ -98,11 +100,11 @@ class Broker {
     }
   }
 
-  static bool answers() {
+  bool answers() const {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(1883);
+    address.sin_port = htons(port_);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     const bool connected = connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     close(socket);
@@ -116,6 +118,7 @@ class Broker {
   }
 
   const TemporaryDirectory directory_;
+  const std::uint16_t port_;
   const std::string file_;
   const std::string log_;
   pid_t pid_ = -1;

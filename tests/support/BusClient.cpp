@@ -19,16 +19,21 @@ void check(int result, const char* what) {
 
 }  // namespace
 
-BusClient::BusClient(std::string name, const std::vector<std::string>& topics) : name_(std::move(name)) {
+BusClient::BusClient(std::string name, const std::vector<std::string>& topics, int port,
+                     const std::string& password)
+    : name_(std::move(name)) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "initialise the client library");
   client_ = mosquitto_new((name_ + "-client").c_str(), true, this);
+  if (!password.empty()) {
+    mosquitto_username_pw_set(client_, name_.c_str(), password.c_str());
+  }
   mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, 65535);
   mosquitto_connect_callback_set(client_, [](mosquitto*, void* self, int result) {
     auto& client = *static_cast<BusClient*>(self);
     const std::lock_guard lock(client.mutex_);
-    client.connected_ = result == 0;
+    client.answer_ = result;
     client.changed_.notify_all();
   });
   mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
@@ -46,9 +51,9 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics) :
     client.changed_.notify_all();
   });
 
-  check(mosquitto_connect(client_, "127.0.0.1", 1883, 60), "connect");
+  check(mosquitto_connect(client_, "127.0.0.1", port, 60), "connect");
   check(mosquitto_loop_start(client_), "start the loop");
-  bool ready = waitUntil([this] { return connected_; }, kPatience);
+  bool ready = waitUntil([this] { return answer_ >= 0; }, kPatience) && answer_ == 0;
   std::vector<std::string> all = topics;
   all.push_back(replyTopic());
   {
@@ -94,7 +99,17 @@ Json::Value BusClient::request(const Json::Value& request) {
 }
 
 bool BusClient::serviceIsAlive(std::chrono::milliseconds patience) {
-  return requestText(R"({"param":"Are you alive?"})", patience) == "{\"param\":\"Ok\"}\n";
+  // The reply to an earlier request may still be under way and come first.
+  const auto answers = [this] {
+    return std::count_if(messages_.begin(), messages_.end(), [this](const Message& message) {
+      return message.topic == replyTopic() && message.payload == "{\"param\":\"Ok\"}\n";
+    });
+  };
+  std::unique_lock lock(mutex_);
+  const auto before = answers();
+  lock.unlock();
+  send(R"({"param":"Are you alive?"})");
+  return waitUntil([&] { return answers() > before; }, patience);
 }
 
 std::vector<std::string> BusClient::received(const std::string& topic) {

@@ -10,13 +10,13 @@
 
 #include <json/value.h>
 
-#include "support/Deadline.h"
+#include "support/Eventually.h"
 
 struct mosquitto;
 
 namespace propertyservice::test {
 
-/// A client of the device's bus, on loopback port 1883: asks the service and collects what is sent to it.
+/// A client of the device's bus, on loopback: asks the service and collects what is sent to it.
 class BusClient {
  public:
   struct Message {
@@ -25,7 +25,9 @@ class BusClient {
   };
 
   /// Connects, and listens to its replies and to `topics`. Throws when the broker does not answer.
-  explicit BusClient(std::string name, const std::vector<std::string>& topics = {});
+  /// With a password it proves to be `name` to the broker.
+  explicit BusClient(std::string name, const std::vector<std::string>& topics = {}, int port = 1883,
+                     const std::string& password = "");
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
   ~BusClient();
@@ -69,7 +71,7 @@ class BusClient {
   // Guarded by mutex_.
   std::vector<Message> messages_;
   int openSubscriptions_ = 0;
-  bool connected_ = false;
+  int answer_ = -1;  ///< The broker's answer to the first connect; 0 is yes.
 };
 
 }  // namespace propertyservice::test

@@ -44,10 +44,16 @@ std::string insertStatement(const Row& row) {
 
 }  // namespace
 
-Device::Device(const std::vector<Row>& rows) {
+Device::Device(const std::vector<Row>& rows, const std::string& brokerConfiguration)
+    : broker_(brokerConfiguration) {
   if (getenv("PROPERTYSERVICE_SANDBOX") == nullptr) {
     throw std::runtime_error("a device needs its own mount namespace: run this inside script/sandbox");
   }
+  std::error_code ignored;  // "/config" is a mount point: only what it holds goes
+  for (const char* place : {kDatabase, kStateStore, "/config", "/etc/nvm.conf.d", "/etc/ipc"}) {
+    std::filesystem::remove_all(place, ignored);
+  }
+  std::filesystem::create_directory("/config");
   writeFile("/etc/model", "Halcyon 5 ADV\n");
   writeFile("/etc/version", "1.2.3\n");
   writeScript(rows);

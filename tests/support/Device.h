@@ -34,6 +34,9 @@ struct Row {
 /// daemon that was never started.
 class Device {
  public:
+  /// For everybody. By default the broker drops requests when 1000 are outstanding.
+  static constexpr const char* kOpenBroker = "allow_anonymous true\nmax_queued_messages 20000\n";
+
   static constexpr const char* kDatabase = "/usr/sbin/nvm";
   static constexpr const char* kScript = "/etc/propsrv.d/nvminit.sql";
   static constexpr const char* kStateStore = "/var/volatile/stateCache";
@@ -42,7 +45,8 @@ class Device {
   static constexpr const char* kFactoryResetBackup = "/config/reset_backup.csv";
   static constexpr const char* kSysdump = "/config/sysdump.csv";
 
-  explicit Device(const std::vector<Row>& rows = defaultRows());
+  explicit Device(const std::vector<Row>& rows = defaultRows(),
+                  const std::string& brokerConfiguration = kOpenBroker);
 
   /// Properties of every kind: with each validation rule, with aliases, read-only, without a point in the
   /// key.

@@ -6,12 +6,15 @@
 
 namespace propertyservice::test {
 
-/// Waits until the condition holds; false when it does not within the deadline.
+/// Long enough for the slowest machine under a sanitizer; only a test that fails waits so long.
+inline constexpr std::chrono::milliseconds kPatience = std::chrono::seconds(20);
+
+/// Asks every millisecond until the condition holds; false when it does not within `patience`.
 template <std::predicate Condition>
-bool eventually(Condition holds, std::chrono::milliseconds deadline = std::chrono::seconds(10)) {
-  const auto end = std::chrono::steady_clock::now() + deadline;
+bool eventually(Condition holds, std::chrono::milliseconds patience = kPatience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   while (!holds()) {
-    if (std::chrono::steady_clock::now() > end) {
+    if (std::chrono::steady_clock::now() > deadline) {
       return false;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -22,6 +22,7 @@ class FakeIPCClient : public ipc::IIPCClient {
 
   std::vector<std::string> calls;  ///< Every call but `publish`, with its arguments.
   std::string failing;             ///< The operation that throws, by its name.
+  std::string refusedTopic;        ///< Publishing on this topic throws.
   ipc::IIPCCallback* subscriber = nullptr;
 
   void connect(int cleanSession, int maxQos, const std::string& host) override {
@@ -54,15 +55,14 @@ class FakeIPCClient : public ipc::IIPCClient {
     return published_;
   }
 
-  std::string refusedTopic;
-
- private:
+  /// Throws when `operation` is the failing one.
   void failIf(const std::string& operation) const {
     if (operation == failing) {
       throw ipc::IPCException(operation + " failed");
     }
   }
 
+ private:
   mutable std::mutex mutex_;
   std::vector<Message> published_;  // guarded by mutex_
 };

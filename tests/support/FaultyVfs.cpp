@@ -126,6 +126,17 @@ struct FaultyFile {
   }
 };
 
+namespace {
+
+/// Of the pages in `content` those of the first half.
+void overwriteFirstHalf(std::string& file, const std::string& content) {
+  constexpr std::size_t kPageBytes = 4096;
+  const std::size_t half = content.size() / 2 / kPageBytes * kPageBytes;
+  file.replace(0, half, content, 0, half);
+}
+
+}  // namespace
+
 FaultyVfs::FaultyVfs() : real_(sqlite3_vfs_find(nullptr)), shim_(*real_) {
   shim_.iVersion = 1;
   shim_.szOsFile = static_cast<int>(sizeof(FaultyFile)) + real_->szOsFile;
@@ -174,6 +185,8 @@ int FaultyVfs::next(Operation operation) {
 void FaultyVfs::synced(const std::string& path, std::string content) {
   const std::lock_guard lock(mutex_);
   powerCuts_.push_back(disk_);
+  powerCuts_.push_back(disk_);
+  overwriteFirstHalf(powerCuts_.back()[path], content);
   disk_[path] = std::move(content);
   powerCuts_.push_back(disk_);
 }

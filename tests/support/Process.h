@@ -6,7 +6,7 @@
 #include <sys/types.h>
 #include <vector>
 
-#include "support/Deadline.h"
+#include "support/Eventually.h"
 
 namespace propertyservice::test {
 

@@ -23,7 +23,8 @@ std::string randomSuffix() {
 
 std::shared_ptr<IIPCClient> IPCFactory::createInstanceShared(const std::string& name, const std::string& host,
                                                              bool uniqueSuffix) {
-  return std::make_shared<MosquittoClient>(uniqueSuffix ? name + randomSuffix() : name, host);
+  return std::make_shared<MosquittoClient>(uniqueSuffix ? name + randomSuffix() : name, host,
+                                           "/etc/ipc/" + name + ".credentials");
 }
 
 }  // namespace ipc

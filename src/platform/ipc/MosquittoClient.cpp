@@ -18,6 +18,7 @@
 #include <mosquitto.h>
 
 #include "dbg/Debug.h"
+#include "ipc/Credentials.h"
 #include "ipc/IPCException.h"
 
 namespace ipc {
@@ -144,8 +145,8 @@ void MosquittoClient::Destroy::operator()(mosquitto* library) const {
   mosquitto_destroy(library);
 }
 
-MosquittoClient::MosquittoClient(std::string id, std::string host)
-    : id_(std::move(id)), host_(std::move(host)) {
+MosquittoClient::MosquittoClient(std::string id, std::string host, std::string credentialsPath)
+    : id_(std::move(id)), host_(std::move(host)), credentialsPath_(std::move(credentialsPath)) {
   initialiseLibrary();
   if (!isText(id_)) {
     throw IPCException("no client identifier: " + shown(id_));
@@ -269,6 +270,9 @@ MosquittoClient::Library MosquittoClient::makeLibrary(bool cleanSession) {
   }
   mosquitto* const raw = library.get();
   mosquitto_threaded_set(raw, true);
+  if (const auto credentials = readCredentials(credentialsPath_)) {
+    mosquitto_username_pw_set(raw, credentials->user.c_str(), credentials->password.c_str());
+  }
   mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, int{Outbox::kMostInFlight});

@@ -30,7 +30,7 @@ class MosquittoClient : public IIPCClient {
  public:
   /// Throws `IPCException` for an `id` that MQTT does not allow. `host` stands in for an empty one of
   /// `connect`.
-  MosquittoClient(std::string id, std::string host);
+  MosquittoClient(std::string id, std::string host, std::string credentialsPath);
   ~MosquittoClient() override;
 
   void connect(int cleanSession, int maxQos, const std::string& host) override;
@@ -105,6 +105,7 @@ class MosquittoClient : public IIPCClient {
   // Constant after construction.
   const std::string id_;
   const std::string host_;
+  const std::string credentialsPath_;
 
   Wakeup wakeup_;
 

@@ -1,5 +1,4 @@
 #include <array>
-#include <chrono>
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
@@ -10,26 +9,16 @@
 #include "common/Execute.h"
 #include "common/FileSystem.h"
 #include "common/Signal.h"
+#include "support/Eventually.h"
 #include "support/TemporaryDirectory.h"
 
 namespace os {
 namespace {
 
-using namespace std::chrono_literals;
+using propertyservice::test::eventually;
 using propertyservice::test::TemporaryDirectory;
 
 constexpr unsigned kLongMs = 30'000;
-
-bool becomesTrue(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + 10s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
-}
 
 /// A process that ended and that nobody has waited for yet has ended, too.
 bool runs(pid_t pid) {
@@ -149,7 +138,7 @@ TEST(Execute, killsTheWholeGroupAtTheTimeOut) {
   EXPECT_TRUE(result.timedOut);
   EXPECT_EQ(result.status, 128 + SIGKILL);
   ASSERT_FALSE(result.output.empty());
-  EXPECT_TRUE(becomesTrue([child = std::stoi(result.output)] { return !runs(child); }));
+  EXPECT_TRUE(eventually([child = std::stoi(result.output)] { return !runs(child); }));
 }
 
 TEST(Execute, killsACommandThatIgnoresTermination) {

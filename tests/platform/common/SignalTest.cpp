@@ -2,17 +2,18 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <mutex>
 #include <thread>
 #include <unistd.h>
 
 #include "common/Signal.h"
+#include "support/Eventually.h"
 
 namespace common::signal {
 namespace {
 
 using namespace std::chrono_literals;
+using propertyservice::test::eventually;
 using std::chrono::steady_clock;
 using testing::ExitedWithCode;
 
@@ -27,17 +28,6 @@ void count(int signal) {
 
 [[noreturn]] void finish(bool success) {
   _exit(success ? 0 : 1);
-}
-
-bool becomesTrue(const std::function<bool()>& condition) {
-  const auto deadline = steady_clock::now() + 10s;
-  while (!condition()) {
-    if (steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
 }
 
 void raiseForTheProcess(int signal) {
@@ -58,7 +48,7 @@ TEST_F(SignalTest, callsTheHandlerOfSigterm) {
 
         raiseForTheProcess(SIGTERM);
 
-        finish(becomesTrue([] { return calls > 0; }) && lastSignal == SIGTERM);
+        finish(eventually([] { return calls > 0; }) && lastSignal == SIGTERM);
       },
       ExitedWithCode(0), "");
 }
@@ -71,7 +61,7 @@ TEST_F(SignalTest, callsTheHandlerOfSigtermForSigint) {
 
         raiseForTheProcess(SIGINT);
 
-        finish(becomesTrue([] { return calls > 0; }) && lastSignal == SIGINT);
+        finish(eventually([] { return calls > 0; }) && lastSignal == SIGINT);
       },
       ExitedWithCode(0), "");
 }
@@ -86,7 +76,7 @@ TEST_F(SignalTest, doesNotCallTheHandlerOfSigintForSigterm) {
 
         raiseForTheProcess(SIGTERM);
 
-        finish(becomesTrue([] { return announced.load(); }) && calls == 0);
+        finish(eventually([] { return announced.load(); }) && calls == 0);
       },
       ExitedWithCode(0), "");
 }
@@ -98,7 +88,7 @@ TEST_F(SignalTest, keepsATerminationThatComesBeforeTheRegistration) {
         registerCustomHandler(SIGTERM, count);
         registerHandler();
 
-        finish(becomesTrue([] { return calls > 0; }));
+        finish(eventually([] { return calls > 0; }));
       },
       ExitedWithCode(0), "");
 }
@@ -117,7 +107,7 @@ TEST_F(SignalTest, blocksTheTerminationSignalsInThreadsStartedBeforeTheRegistrat
 
         raiseForTheProcess(SIGTERM);
 
-        const bool called = becomesTrue([] { return calls > 0; });
+        const bool called = eventually([] { return calls > 0; });
         end = true;
         bystander.join();
         finish(called);
@@ -133,11 +123,11 @@ TEST_F(SignalTest, announcesATerminationAgainEvery500Ms) {
 
         raiseForTheProcess(SIGTERM);
 
-        if (!becomesTrue([] { return calls == 1; })) {
+        if (!eventually([] { return calls == 1; })) {
           finish(false);
         }
         const auto first = steady_clock::now();
-        const bool again = becomesTrue([] { return calls >= 3; });
+        const bool again = eventually([] { return calls >= 3; });
         finish(again && steady_clock::now() - first > 900ms);
       },
       ExitedWithCode(0), "");
@@ -149,12 +139,12 @@ TEST_F(SignalTest, announcesAPastTerminationToAHandlerThatComesLate) {
         registerHandler();
         registerCustomHandler(SIGTERM, count);
         raiseForTheProcess(SIGTERM);
-        becomesTrue([] { return calls > 0; });
+        eventually([] { return calls > 0; });
         static std::atomic<bool> late{false};
 
         registerCustomHandler(SIGTERM, [](int) { late = true; });
 
-        finish(becomesTrue([] { return late.load(); }));
+        finish(eventually([] { return late.load(); }));
       },
       ExitedWithCode(0), "");
 }
@@ -165,13 +155,13 @@ TEST_F(SignalTest, changesNothingAtAFurtherTermination) {
         registerHandler();
         registerCustomHandler(SIGTERM, count);
         raiseForTheProcess(SIGTERM);
-        becomesTrue([] { return calls == 1; });
+        eventually([] { return calls == 1; });
         const auto first = steady_clock::now();
 
         raiseForTheProcess(SIGINT);
         raiseForTheProcess(SIGTERM);
 
-        const bool again = becomesTrue([] { return calls == 2; });
+        const bool again = eventually([] { return calls == 2; });
         finish(again && steady_clock::now() - first > 400ms && lastSignal == SIGTERM);
       },
       ExitedWithCode(0), "");
@@ -187,7 +177,7 @@ TEST_F(SignalTest, startsOneThreadHoweverOftenItIsRegistered) {
         raiseForTheProcess(SIGTERM);
         raiseForTheProcess(SIGINT);
 
-        if (!becomesTrue([] { return calls > 0; })) {
+        if (!eventually([] { return calls > 0; })) {
           finish(false);
         }
         sigset_t pending;
@@ -207,7 +197,7 @@ TEST_F(SignalTest, callsEveryHandler) {
 
         raiseForTheProcess(SIGTERM);
 
-        finish(becomesTrue([] { return calls > 0 && other; }));
+        finish(eventually([] { return calls > 0 && other; }));
       },
       ExitedWithCode(0), "");
 }
@@ -225,7 +215,7 @@ TEST_F(SignalTest, letsAHandlerLockAndRegisterAnother) {
         raiseForTheProcess(SIGTERM);
         lock.unlock();
 
-        finish(becomesTrue([] { return calls > 0; }));
+        finish(eventually([] { return calls > 0; }));
       },
       ExitedWithCode(0), "");
 }
@@ -249,7 +239,7 @@ TEST_F(SignalTest, endsAProcessThatLeavesMainWhileTheThreadWaits) {
         registerHandler();
         registerCustomHandler(SIGTERM, count);
         raiseForTheProcess(SIGTERM);
-        becomesTrue([] { return calls > 0; });
+        eventually([] { return calls > 0; });
 
         std::exit(0);
       },

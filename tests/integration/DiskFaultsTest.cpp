@@ -1,0 +1,213 @@
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sys/mount.h>
+#include <thread>
+#include <unistd.h>
+
+#include <SQLiteCpp/SQLiteCpp.h>
+
+#include "support/Device.h"
+
+// The daemon on disks that fill up, lock, vanish, and on machines that lose their power.
+
+namespace propertyservice::test {
+namespace {
+
+constexpr const char* kDiskRoot = "/usr/sbin";
+constexpr const char* kFailing = "Database cannot be written";
+constexpr const char* kRecovered = "Database can be written again";
+
+/// A small disk of its own under the database file.
+class SmallDisk {
+ public:
+  SmallDisk() {
+    if (mount("disk", kDiskRoot, "tmpfs", 0, "size=256k") != 0) {
+      throw std::runtime_error("cannot mount a small disk");
+    }
+  }
+  SmallDisk(const SmallDisk&) = delete;
+  SmallDisk& operator=(const SmallDisk&) = delete;
+  ~SmallDisk() { umount2(kDiskRoot, MNT_DETACH); }
+
+  void fill() {
+    std::ofstream filler(kFiller, std::ios::binary);
+    while (filler.write(std::string(4096, 'x').data(), 4096).flush()) {
+    }
+  }
+
+  void free() { std::filesystem::remove(kFiller); }
+
+ private:
+  static constexpr const char* kFiller = "/usr/sbin/filler";
+};
+
+void expectOneFailureAndOneRecovery(const Device& device) {
+  EXPECT_TRUE(device.waitForLog(kRecovered));
+  EXPECT_EQ(device.logLines(kFailing).size(), 1U);
+  EXPECT_EQ(device.logLines(kRecovered).size(), 1U);
+}
+
+TEST(DiskFaults, aFullDiskLosesNoAcceptedWrite) {
+  Device device;
+  SmallDisk disk;
+  device.start();
+  disk.fill();
+
+  for (int i = 0; i <= 20; ++i) {
+    EXPECT_EQ(device.set("Audio.Ringtone", "gong" + std::to_string(i))["status"], "Ok");
+  }
+  EXPECT_EQ(device.set("Audio.Volume", "9")["status"], "Ok");
+  ASSERT_TRUE(device.waitForLog(kFailing));
+  EXPECT_EQ(device.getValue("Audio.Ringtone"), "gong20");
+  disk.free();
+
+  EXPECT_TRUE(Device::waitForValueInFile("Audio.Ringtone", "gong20"));
+  EXPECT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
+  expectOneFailureAndOneRecovery(device);
+  device.stop();
+}
+
+TEST(DiskFaults, aFullDiskDoesNotKeepTheDaemonFromEnding) {
+  Device device;
+  SmallDisk disk;
+  device.start();
+  disk.fill();
+  device.set("Audio.Volume", "9");
+  ASSERT_TRUE(device.waitForLog(kFailing));
+
+  EXPECT_EQ(device.stop(), 0);
+
+  EXPECT_EQ(device.logLines("Lost, because the database could not be written: 1").size(), 1U);
+}
+
+TEST(DiskFaults, aLockHeldByAnotherProcessLosesNoAcceptedWrite) {
+  Device device;
+  device.start();
+  SQLite::Database other(Device::kDatabase, SQLite::OPEN_READWRITE);
+  other.exec("BEGIN EXCLUSIVE");
+
+  EXPECT_EQ(device.set("Audio.Volume", "9")["status"], "Ok");
+  ASSERT_TRUE(device.waitForLog(kFailing));
+  EXPECT_EQ(device.getValue("Audio.Volume"), "9");
+  other.exec("COMMIT");
+
+  EXPECT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
+  expectOneFailureAndOneRecovery(device);
+}
+
+TEST(DiskFaults, aDiskThatIsReadOnlyForATimeLosesNoAcceptedWrite) {
+  Device device;
+  SmallDisk disk;
+  device.start();
+  device.stop();
+  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  device.start();
+
+  EXPECT_EQ(device.set("Audio.Volume", "9")["status"], "Ok");
+  ASSERT_TRUE(device.waitForLog(kFailing));
+  EXPECT_EQ(device.getValue("Audio.Volume"), "9");
+  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT, nullptr), 0);
+
+  EXPECT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
+  expectOneFailureAndOneRecovery(device);
+  device.stop();
+}
+
+TEST(DiskFaults, aRemovedDatabaseFileIsWrittenAnewWithEverythingInIt) {
+  Device device;
+  device.start();
+  device.set("Audio.Volume", "9");
+  ASSERT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
+  const auto before = Device::valuesInFile();
+
+  std::filesystem::remove(Device::kDatabase);
+  EXPECT_EQ(device.set("Audio.Ringtone", "gong")["status"], "Ok");
+
+  ASSERT_TRUE(eventually([] { return Device::exists(Device::kDatabase); }));
+  ASSERT_TRUE(Device::waitForValueInFile("Audio.Ringtone", "gong"));
+  auto after = Device::valuesInFile();
+  after["Audio.Ringtone"] = before.at("Audio.Ringtone");
+  EXPECT_EQ(after, before);
+}
+
+TEST(DiskFaults, aFullVolatileDiskIsReportedAndPasses) {
+  Device device;
+  std::filesystem::create_directories(Device::kStateStore);
+  ASSERT_EQ(mount("disk", Device::kStateStore, "tmpfs", 0, "size=512k"), 0);
+  device.start();
+  const std::string filler = std::string(Device::kStateStore) + "/filler";
+  EXPECT_EQ(device.set("State.Before", "x")["status"], "Ok");
+  {
+    std::ofstream file(filler, std::ios::binary);
+    while (file.write(std::string(4096, 'x').data(), 4096).flush()) {
+    }
+  }
+
+  // Fails at the latest when the page that LevelDB's log has left is used up.
+  device.panel().sendRequest(makeRequest("setV", "State.Large", std::string(100'000, 'x')));
+  ASSERT_TRUE(device.waitForLog("Value is not inserted: ("));
+  EXPECT_EQ(device.getValue("Audio.Codec"), "opus");
+  std::filesystem::remove(filler);
+
+  EXPECT_EQ(device.set("State.After", "y")["status"], "Ok");
+  device.restart();
+  EXPECT_EQ(device.getValue("State.Before"), "x");
+  EXPECT_EQ(device.getValue("State.After"), "y");
+  device.stop();
+  umount2(Device::kStateStore, MNT_DETACH);
+}
+
+constexpr int kCrashes = 200;
+constexpr int kKeys = 40;
+
+std::string crashKey(int number) {
+  return "Crash.Key" + std::to_string(number % kKeys);
+}
+
+std::vector<Row> crashRows() {
+  std::vector<Row> rows = Device::defaultRows();
+  for (int i = 0; i < kKeys; ++i) {
+    rows.push_back({.key = crashKey(i), .value = "0", .defaultValue = "0"});
+  }
+  return rows;
+}
+
+/// Every value is a number that grows with each write, so that a torn, foreign or older one shows.
+TEST(DiskFaults, killedAtAnyMomentTheFileIsWholeAndNeverGoesBack) {
+  Device device(crashRows());
+  std::mt19937 random(20240607);
+  std::map<std::string, int> onDisk;
+  int written = 0;
+
+  for (int crash = 0; crash < kCrashes; ++crash) {
+    device.start();
+    BusClient client("crash" + std::to_string(crash));
+    std::map<std::string, int> sent;
+    for (int i = 0; i < 150; ++i) {
+      ++written;
+      sent[crashKey(written)] = written;
+      client.sendRequest(makeRequest("setV", crashKey(written), std::to_string(written)));
+    }
+    client.waitForMessages(client.replyTopic(), random() % 150);
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+    device.daemon().kill();
+
+    SQLite::Database file(Device::kDatabase, SQLite::OPEN_READWRITE);
+    ASSERT_EQ(file.execAndGet("PRAGMA integrity_check").getString(), "ok") << "crash " << crash;
+    for (const auto& [key, text] : Device::valuesInFile()) {
+      if (!key.starts_with("Crash.")) {
+        continue;
+      }
+      const int value = std::stoi(text);
+      EXPECT_EQ(std::to_string(value), text);
+      EXPECT_GE(value, onDisk[key]) << key << " went back in crash " << crash;
+      EXPECT_LE(value, written);
+      EXPECT_TRUE(value == 0 || crashKey(value) == key) << key << " holds " << value;
+      onDisk[key] = value;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace propertyservice::test
