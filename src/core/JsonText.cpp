@@ -1,5 +1,8 @@
 #include "core/JsonText.h"
 
+#include <algorithm>
+#include <utility>
+
 #include <json/reader.h>
 #include <json/writer.h>
 
@@ -8,6 +11,28 @@
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace propertyservice::json {
+
+namespace {
+
+bool isPlain(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte >= 0x20 && byte < 0x80 && character != '"' && character != '\\';
+}
+
+void appendWritten(std::string& text, const Json::Value& value) {
+  text += write(value);
+  text.pop_back();
+}
+
+void appendQuoted(std::string& text, std::string_view value) {
+  if (std::all_of(value.begin(), value.end(), isPlain)) {
+    text.append("\"").append(value).append("\"");
+  } else {
+    appendWritten(text, Json::Value(value.data(), value.data() + value.size()));
+  }
+}
+
+}  // namespace
 
 bool parse(const std::string& text, Json::Value& value) {
   // Collecting comments is quadratic in their number.
@@ -22,6 +47,34 @@ bool parse(const std::string& text, Json::Value& value) {
 
 std::string write(const Json::Value& value) {
   return Json::FastWriter().write(value);
+}
+
+ObjectText& ObjectText::addText(std::string_view name, std::string_view text) {
+  beginMember(name);
+  appendQuoted(text_, text);
+  return *this;
+}
+
+ObjectText& ObjectText::add(std::string_view name, const Json::Value& value) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (value.getString(&begin, &end)) {
+    return addText(name, std::string_view(begin, static_cast<std::size_t>(end - begin)));
+  }
+  beginMember(name);
+  appendWritten(text_, value);
+  return *this;
+}
+
+std::string ObjectText::finish() {
+  text_ += "}\n";
+  return std::move(text_);
+}
+
+void ObjectText::beginMember(std::string_view name) {
+  text_ += text_.empty() ? '{' : ',';
+  appendQuoted(text_, name);
+  text_ += ':';
 }
 
 }  // namespace propertyservice::json

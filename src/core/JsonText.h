@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include <json/value.h>
 
@@ -14,5 +15,21 @@ bool parse(const std::string& text, Json::Value& value);
 
 /// `value` on one line, without blanks, all characters outside ASCII escaped, ended by a line feed.
 std::string write(const Json::Value& value);
+
+/// One object as text, byte for byte what `write` makes of it, without building it first.
+/// REQUIRES: at least one member; members come in the ascending order of their names.
+class ObjectText {
+ public:
+  ObjectText& addText(std::string_view name, std::string_view text);
+  ObjectText& add(std::string_view name, const Json::Value& value);
+
+  /// The whole text. To be called once, at the end.
+  std::string finish();
+
+ private:
+  void beginMember(std::string_view name);
+
+  std::string text_;
+};
 
 }  // namespace propertyservice::json

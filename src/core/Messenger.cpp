@@ -44,18 +44,16 @@ std::pair<std::string, Json::Value> Messenger::notify(Property& property, bool a
   const Json::Value& value = property.member(column::kValue);
   std::string key = property.text(column::kKey);
   if (const std::size_t dot = key.find('.'); dot != std::string::npos) {
-    Json::Value message;
-    message[Json::StaticString(PROPERTY_PARAM)] = property.member(column::kKey);
-    message[Json::StaticString(PROPERTY_VALUE)] = value;
-    publishGroup(toLowerAscii(key.substr(0, dot)), json::write(message));
+    publishGroup(toLowerAscii(key.substr(0, dot)), json::ObjectText()
+                                                       .add(PROPERTY_PARAM, property.member(column::kKey))
+                                                       .add(PROPERTY_VALUE, value)
+                                                       .finish());
   } else {
     logger().error() << "Wrong key: " << excerpt(key);
   }
 
   if (alsoAll) {
-    Json::Value message;
-    message[key] = value;
-    publishAll(json::write(message));
+    publishAll(json::ObjectText().add(key, value).finish());
   }
   return {std::move(key), value};
 }

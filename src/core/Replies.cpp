@@ -9,23 +9,6 @@ namespace propertyservice::reply {
 
 using namespace common::JSONDefinitions;
 
-namespace {
-
-Json::Value withStatusMember(Status status) {
-  Json::Value reply;
-  reply[Json::StaticString(PROPERTY_STATUS)] = std::string(statusText(status));
-  return reply;
-}
-
-Json::Value withKeyMember(const Property& property) {
-  warnIfNotFound(property);
-  Json::Value reply = withStatusMember(property.status());
-  reply[Json::StaticString(PROPERTY_PARAM)] = asText(property.member(column::kKey));
-  return reply;
-}
-
-}  // namespace
-
 Json::Value asText(const Json::Value& value) {
   return value.isString() ? value : Json::Value(value.asString());
 }
@@ -47,19 +30,26 @@ void warnIfNotFound(const Property& property) {
 }
 
 std::string withStatus(Status status) {
-  return json::write(withStatusMember(status));
+  return json::ObjectText().addText(PROPERTY_STATUS, statusText(status)).finish();
 }
 
 std::string withKey(const Property& property) {
-  return json::write(withKeyMember(property));
+  warnIfNotFound(property);
+  return json::ObjectText()
+      .addText(PROPERTY_PARAM, property.text(column::kKey))
+      .addText(PROPERTY_STATUS, statusText(property.status()))
+      .finish();
 }
 
 std::string withValue(const Property& property) {
-  Json::Value reply = withKeyMember(property);
-  if (property.status() != Status::NotFound) {
-    reply[Json::StaticString(PROPERTY_RESULT)] = asText(property.member(column::kValue));
+  if (property.status() == Status::NotFound) {
+    return withKey(property);
   }
-  return json::write(reply);
+  return json::ObjectText()
+      .addText(PROPERTY_PARAM, property.text(column::kKey))
+      .addText(PROPERTY_RESULT, property.text(column::kValue))
+      .addText(PROPERTY_STATUS, statusText(property.status()))
+      .finish();
 }
 
 }  // namespace propertyservice::reply

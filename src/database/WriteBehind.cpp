@@ -3,6 +3,7 @@
 #include <exception>
 #include <iterator>
 #include <string>
+#include <sys/resource.h>
 #include <unordered_map>
 #include <utility>
 
@@ -18,6 +19,15 @@ using Clock = std::chrono::steady_clock;
 
 /// Less than the worker's time-out, so that each time-out is a try.
 constexpr std::chrono::milliseconds kBetweenFailingTries(500);
+
+/// For the calling thread. Where requests and the writer share a busy core, batches become larger and fewer
+/// instead of each write holding up the next request; a tenth of the core is still enough for 10,000
+/// properties a second.
+void letRequestsGoFirst() {
+  constexpr int kNice = 10;
+  constexpr id_t kCallingThread = 0;
+  setpriority(PRIO_PROCESS, kCallingThread, getpriority(PRIO_PROCESS, kCallingThread) + kNice);
+}
 
 bool mayPass(const std::exception& error) {
   const auto* const failure = dynamic_cast<const PersistentStorageException*>(&error);
@@ -68,6 +78,10 @@ WriteBehind::~WriteBehind() {
 }
 
 void WriteBehind::processQueue(std::unique_lock<std::mutex>& lock) {
+  if (!requestsGoFirst_) {
+    requestsGoFirst_ = true;
+    letRequestsGoFirst();
+  }
   ActiveQueueBulk::processQueue(lock);
   if (!unwritten_.empty()) {
     lock.unlock();

@@ -22,6 +22,8 @@ namespace propertyservice {
 ///   each time-out of the worker and at the stop. Between two such tries the worker sleeps, so that it is
 ///   seen idle and the disk is not hammered. The beginning and the end of the trouble are logged.
 ///
+/// The worker runs at a lower priority than the threads that push.
+///
 /// A power cut takes what the storage has not taken yet; so does the end of this object while the storage
 /// fails, which is logged as an error.
 class WriteBehind final : public ActiveQueueBulk<Property> {
@@ -44,6 +46,7 @@ class WriteBehind final : public ActiveQueueBulk<Property> {
   // Used by the worker alone.
   const Write write_;
   std::deque<Property> unwritten_;  ///< In push order.
+  bool requestsGoFirst_ = false;
   bool failing_ = false;
   std::chrono::steady_clock::time_point nextTry_;  ///< While failing.
 };

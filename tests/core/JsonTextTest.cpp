@@ -43,5 +43,25 @@ TEST(JsonText, escapesEverythingOutsideAscii) {
   EXPECT_EQ(json::write(Json::Value("\xFF")), "\"\\ufffd\"\n");
 }
 
+TEST(JsonText, writesAnObjectMemberByMemberAsIfItWereBuilt) {
+  for (const std::string& text : {std::string(), std::string("plain / text"), std::string("\"\\\n\t\x01\x7f"),
+                                  std::string("a\0b", 3), std::string("\xC3\xA9"), std::string("\xFF")}) {
+    Json::Value value;
+    value["name"] = text;
+    value["number"] = -5;
+    value["other"][0] = Json::nullValue;
+    value["z" + text] = text;
+
+    const std::string written = json::ObjectText()
+                                    .addText("name", text)
+                                    .add("number", value["number"])
+                                    .add("other", value["other"])
+                                    .add("z" + text, value["z" + text])
+                                    .finish();
+
+    EXPECT_EQ(written, json::write(value));
+  }
+}
+
 }  // namespace
 }  // namespace propertyservice

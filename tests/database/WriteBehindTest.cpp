@@ -1,9 +1,11 @@
 #include <algorithm>
 #include <atomic>
+#include <future>
 #include <latch>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <sys/resource.h>
 
 #include "database/PersistentStorageException.h"
 #include "database/WriteBehind.h"
@@ -322,6 +324,20 @@ TEST(WriteBehind, keepsWhatIsLeftWhenTheDiskFillsUpBetweenSingleWrites) {
   full = false;
 
   EXPECT_TRUE(eventually([&] { return writtenNow() == Values{"0", "1", "2", "3"}; }));
+}
+
+TEST(WriteBehind, writesAtALowerPriorityThanThePushingThread) {
+  std::promise<int> niceness;
+  const int own = getpriority(PRIO_PROCESS, 0);
+  WriteBehind writer([&](std::queue<Property>& queue) {
+    queue = {};
+    niceness.set_value(getpriority(PRIO_PROCESS, 0));
+  });
+
+  writer.push(Property({{"key", "A"}, {"value", "x"}}));
+
+  EXPECT_EQ(niceness.get_future().get(), std::min(own + 10, 19));
+  EXPECT_EQ(getpriority(PRIO_PROCESS, 0), own);
 }
 
 TEST(WriteBehind, survivesAnyExceptionOfItsStorage) {
