@@ -52,7 +52,7 @@ BusClient::BusClient(std::string name, const std::vector<std::string>& topics, i
   });
 
   check(mosquitto_connect(client_.get(), "127.0.0.1", port, 60), "connect");
-  check(mosquitto_loop_start(client_), "start the loop");
+  check(mosquitto_loop_start(client_.get()), "start the loop");
   bool ready = waitUntil([this] { return answer_ >= 0; }, kPatience) && answer_ == 0;
   std::vector<std::string> all = topics;
   all.push_back(replyTopic());
@@ -76,8 +76,8 @@ void BusClient::Destroy::operator()(mosquitto* client) const {
 }
 
 void BusClient::publish(const std::string& topic, const std::string& payload, int qos) {
-  check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                          qos, false),
+  check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                          payload.data(), qos, false),
         "publish");
 }
 
