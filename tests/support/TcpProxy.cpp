@@ -1,5 +1,6 @@
 #include "support/TcpProxy.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <netinet/tcp.h>
@@ -7,11 +8,12 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <vector>
 
 namespace propertyservice::test {
 
 namespace {
+
+constexpr int kLookAroundMs = 20;
 
 sockaddr_in loopback(std::uint16_t port) {
   sockaddr_in address{};
@@ -20,16 +22,6 @@ sockaddr_in loopback(std::uint16_t port) {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   return address;
 }
-
-struct Pair {
-  int client;
-  int target;
-
-  void close() const {
-    ::close(client);
-    ::close(target);
-  }
-};
 
 bool sendAll(int socket, const char* bytes, std::size_t size) {
   while (size > 0) {
@@ -44,6 +36,11 @@ bool sendAll(int socket, const char* bytes, std::size_t size) {
 }
 
 }  // namespace
+
+void TcpProxy::Pair::close() const {
+  ::close(client);
+  ::close(target);
+}
 
 TcpProxy::TcpProxy(std::uint16_t port, std::uint16_t target) : target_(target) {
   const sockaddr_in address = loopback(port);
@@ -66,62 +63,64 @@ TcpProxy::~TcpProxy() {
 
 void TcpProxy::relay() {
   std::vector<Pair> pairs;
-  std::array<char, 65536> buffer;
-
   while (!stopping_) {
+    const short awaited = silent_ ? 0 : POLLIN;
     std::vector<pollfd> watched = {{listener_, POLLIN, 0}};
     for (const Pair& pair : pairs) {
-      const short events = silent_ ? 0 : POLLIN;
-      watched.push_back({pair.client, events, 0});
-      watched.push_back({pair.target, events, 0});
+      watched.push_back({pair.client, awaited, 0});
+      watched.push_back({pair.target, awaited, 0});
     }
-    poll(watched.data(), watched.size(), 20);
+    poll(watched.data(), watched.size(), kLookAroundMs);
 
     std::vector<Pair> kept;
     for (std::size_t i = 0; i < pairs.size(); ++i) {
-      const Pair& pair = pairs[i];
-      bool alive = true;
-      for (const bool upwards : {true, false}) {
-        const pollfd& from = watched[1 + 2 * i + (upwards ? 0 : 1)];
-        if (from.revents == 0 || !alive) {
-          continue;
-        }
-        const ssize_t size = recv(from.fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
-        std::size_t allowed = size > 0 ? static_cast<std::size_t>(size) : 0;
-        alive = size > 0;
-        if (alive && upwards && budget_ >= 0) {
-          allowed = std::min(allowed, static_cast<std::size_t>(budget_.load()));
-          budget_ -= static_cast<std::ptrdiff_t>(allowed);
-        }
-        alive = alive && sendAll(upwards ? pair.target : pair.client, buffer.data(), allowed);
-      }
+      const bool alive = (watched[1 + 2 * i].revents == 0 || forward(pairs[i], true)) &&
+                         (watched[2 + 2 * i].revents == 0 || forward(pairs[i], false));
       if (alive && budget_ != 0) {
-        kept.push_back(pair);
+        kept.push_back(pairs[i]);
       } else {
-        pair.close();
+        pairs[i].close();
       }
     }
     pairs = std::move(kept);
     if (budget_ == 0) {
-      budget_ = -1;
+      budget_ = kNoBudget;
     }
-
-    if ((watched.front().revents & POLLIN) != 0) {
-      const sockaddr_in address = loopback(target_);
-      const Pair pair = {accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC),
-                         socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
-      ++accepted_;
-      const int on = 1;
-      setsockopt(pair.client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-      setsockopt(pair.target, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-      if (connect(pair.target, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-        pairs.push_back(pair);
-      } else {
-        pair.close();
-      }
+    if (watched.front().revents != 0) {
+      takeConnection(pairs);
     }
   }
   for (const Pair& pair : pairs) {
+    pair.close();
+  }
+}
+
+/// Relays what has come from one side; false when that side, or the other, has gone.
+bool TcpProxy::forward(const Pair& pair, bool upwards) {
+  std::array<char, 65536> buffer;
+  const ssize_t size = recv(upwards ? pair.client : pair.target, buffer.data(), buffer.size(), MSG_DONTWAIT);
+  if (size <= 0) {
+    return false;
+  }
+  auto allowed = static_cast<std::size_t>(size);
+  if (upwards && budget_ >= 0) {
+    allowed = std::min(allowed, static_cast<std::size_t>(budget_.load()));
+    budget_ -= static_cast<std::ptrdiff_t>(allowed);
+  }
+  return sendAll(upwards ? pair.target : pair.client, buffer.data(), allowed);
+}
+
+void TcpProxy::takeConnection(std::vector<Pair>& pairs) {
+  const sockaddr_in address = loopback(target_);
+  const Pair pair = {accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC),
+                     socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+  ++accepted_;
+  const int on = 1;
+  setsockopt(pair.client, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  setsockopt(pair.target, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (connect(pair.target, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    pairs.push_back(pair);
+  } else {
     pair.close();
   }
 }

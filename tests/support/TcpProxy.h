@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <thread>
+#include <vector>
 
 namespace propertyservice::test {
 
@@ -25,12 +26,23 @@ class TcpProxy {
   int accepted() const { return accepted_; }
 
  private:
+  static constexpr std::ptrdiff_t kNoBudget = -1;
+
+  struct Pair {
+    int client;
+    int target;
+
+    void close() const;
+  };
+
   void relay();
+  bool forward(const Pair& pair, bool upwards);
+  void takeConnection(std::vector<Pair>& pairs);
 
   const std::uint16_t target_;
   int listener_ = -1;
   std::atomic<bool> silent_ = false;
-  std::atomic<std::ptrdiff_t> budget_ = -1;  ///< Negative: without limit.
+  std::atomic<std::ptrdiff_t> budget_ = kNoBudget;  ///< Bytes still to relay towards the target.
   std::atomic<int> accepted_ = 0;
   std::atomic<bool> stopping_ = false;
   std::thread thread_;
