@@ -104,7 +104,8 @@ def wait_until_quiet(*pids):
 def broker(output):
     """The device's broker, but for everybody."""
     theirs = (DEVICE / "mosquitto" / "propsrv.conf").read_text().splitlines()
-    ours = [line for line in theirs if not line.startswith(("allow_anonymous", "password_file", "acl_file", "log_dest"))]
+    replaced = ("allow_anonymous", "password_file", "acl_file", "log_dest")
+    ours = [line for line in theirs if not line.startswith(replaced)]
     configuration = output / "mosquitto.conf"
     configuration.write_text("\n".join([*ours, "allow_anonymous true", "log_dest stderr", "user root", ""]))
     with running(["mosquitto", "-c", configuration], output / "broker.log") as pid:
@@ -212,6 +213,8 @@ def main():
     plan = QUICK if quick else FULL
     if "PROPERTYSERVICE_SANDBOX" not in os.environ:
         sys.exit("measure.py needs a device of its own: run script/bench")
+
+    run(["mount", "-t", "tmpfs", "tmpfs", "/var/volatile"])  # a RAM disk, as on a device
 
     results = {"quick": quick, "machine": machine()}
     print("in process", file=sys.stderr)

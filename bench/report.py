@@ -1,8 +1,8 @@
 #!/usr/bin/python3
-"""Makes a table and a picture of what measure.py found: report.py OUTPUT-DIRECTORY
+"""Makes tables and a picture of what measure.py found: report.py OUTPUT-DIRECTORY [DOCUMENT]
 
-Prints the table, and writes it as report.md, the judged figures as report.json and the picture as requests.svg beside
-results.json.
+Prints the tables, and writes them as report.md, the judged figures as report.json and the picture as requests.svg
+beside results.json. In DOCUMENT the tables replace what stands between its two marks, and the picture goes beside it.
 """
 
 import json
@@ -65,6 +65,10 @@ class Results:
                       if sample["properties"] == properties)
 
 
+def resident_mib(results, properties):
+    return Figure(kib / 1024 for kib in results.start(properties, "resident_kib").values)
+
+
 def targets(results):
     """(what, measured, "at most" or "at least", limit) of each target."""
 
@@ -76,9 +80,11 @@ def targets(results):
 
     return [
         ("getV, round trip, 1 client: over the bare responder", over_library("getV 1x1", "p50_us"), "at most", 1.05),
-        ("getV, throughput, 8 x 32: over the bare responder", over_library("getV 8x32", "per_second"), "at least", 0.95),
+        ("getV, throughput, 8 x 32: over the bare responder", over_library("getV 8x32", "per_second"),
+         "at least", 0.95),
         ("setV, round trip, 1 client: over the bare responder", over_library("setV 1x1", "p50_us"), "at most", 1.10),
-        ("setV, throughput, 8 x 32: over the bare responder", over_library("setV 8x32", "per_second"), "at least", 0.90),
+        ("setV, throughput, 8 x 32: over the bare responder", over_library("setV 8x32", "per_second"),
+         "at least", 0.90),
         ("CPU of a getV, 8 x 32: daemon over the bare responder", over_library("getV 8x32", "service_cpu_us"),
          "at most", 1.3),
         ("setV in process: over its JSON with JsonCpp alone", over("setV/4096", "jsonOfSetV"), "at most", 3),
@@ -88,8 +94,7 @@ def targets(results):
         ("getColsL of 10 among 4096 in process: over one getV", over("getColsLTen/4096", "getV/4096"), "at most", 15),
         ("start to first reply at 4096 properties, without connecting, ms", results.start_beyond_connecting(4096),
          "at most", 30),
-        ("resident memory at 4096 properties, MiB",
-         Figure(kib / 1024 for kib in results.start(4096, "resident_kib").values), "at most", 20),
+        ("resident memory at 4096 properties, MiB", resident_mib(results, 4096), "at most", 20),
         ("context switches per second, idle", Figure([results.idle]), "at most", 4),
     ]
 
@@ -123,16 +128,17 @@ def bus_table(results, pinned):
             figures = [results.bus(responder, workload, member, pinned)
                        for member in ("p50_us", "p99_us", "per_second", "service_cpu_us", "broker_cpu_us")]
             rows.append((workload, name, *figures, percent(figures[2])))
-    return table(("requests", "responder", "p50 µs", "p99 µs", "per second", "its CPU µs", "broker's CPU µs", "spread"),
-                 rows)
+    return table(("requests", "responder", "p50 µs", "p99 µs", "per second", "its CPU µs", "broker's CPU µs",
+                  "spread"), rows)
 
 
 def start_table(results):
-    rows = [(properties, results.start_beyond_connecting(properties), results.start(properties, "bare_first_reply_ms"),
-             results.start(properties, "select_ms"), Figure(kib / 1024 for kib in
-                                                            results.start(properties, "resident_kib").values))
+    rows = [(properties, results.start_beyond_connecting(properties),
+             *(results.start(properties, member) for member in ("cpu_ms", "bare_first_reply_ms", "select_ms")),
+             resident_mib(results, properties))
             for properties in results.sizes()]
-    return table(("properties", "to the first reply ms", "bare responder ms", "sqlite3, SELECT * ms", "resident MiB"), rows)
+    return table(("properties", "first reply ms", "its CPU ms", "bare responder ms", "sqlite3, SELECT * ms",
+                  "resident MiB"), rows)
 
 
 def growth_table(results):
@@ -152,12 +158,12 @@ def report(results):
     return "\n".join([
         f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; load average before the run "
         f"{machine['load_before']:.1f}. Medians; the spread is that of all rounds, (largest - smallest) / median.\n",
-        "## Targets\n", target_table(results),
-        "## On the bus, everything on one core\n", bus_table(results, True),
-        "## On the bus, on all cores\n", bus_table(results, False),
-        "## Start\n", start_table(results),
-        "## Growth\n", growth_table(results),
-        "## In process\n", process_table(results)])
+        "### Targets\n", target_table(results),
+        "### On the bus, everything on one core\n", bus_table(results, True),
+        "### On the bus, on all cores\n", bus_table(results, False),
+        "### Start\n", start_table(results),
+        "### Growth\n", growth_table(results),
+        "### In process\n", process_table(results)])
 
 
 def parts_of(results, method):
@@ -203,6 +209,14 @@ def picture(results):
             f'font-family="sans-serif" font-size="13">\n' + "\n".join(lines) + "\n</svg>\n")
 
 
+def record(text, image, document):
+    begin, end = "<!-- measured -->\n", "<!-- end of measured -->"
+    before, _, rest = document.read_text().partition(begin)
+    _, _, after = rest.partition(end)
+    document.write_text(f"{before}{begin}\n{text}\n{end}{after}")
+    document.with_suffix(".svg").write_text(image.read_text())
+
+
 def main():
     output = pathlib.Path(sys.argv[1])
     results = Results(json.loads((output / "results.json").read_text()))
@@ -213,6 +227,8 @@ def main():
           "met": None if results.quick else holds(figure, relation, limit)}
          for what, figure, relation, limit in targets(results)], indent=1) + "\n")
     (output / "requests.svg").write_text(picture(results))
+    if len(sys.argv) > 2:
+        record(text, output / "requests.svg", pathlib.Path(sys.argv[2]))
     print(text)
 
 

@@ -5,12 +5,14 @@
 // The request waits at the broker, in the session of the client NAME, before COMMAND is started; so nothing
 // but the service itself decides when it is answered. The result is one JSON object: "first_reply_ms" (from
 // before the fork), "connect_ms" (what connecting, subscribing and a round trip over the bus take a program
-// that runs already) and "resident_kib" (of the service, after the reply). The service is ended with SIGTERM.
+// that runs already), "cpu_ms" and "resident_kib" (of the service, after the reply). The service is ended
+// with SIGTERM.
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
@@ -49,6 +51,16 @@ class Child {
       }
       usleep(1000);
     }
+  }
+
+  double cpuMilliseconds() const {
+    double total = 0;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/task")) {
+      double nanoseconds = 0;
+      std::ifstream(task.path() / "schedstat") >> nanoseconds;
+      total += nanoseconds / 1e6;
+    }
+    return total;
   }
 
   long residentKib() const {
@@ -96,9 +108,9 @@ void run(const std::string& name, char* const* command) {
     throw std::runtime_error("the service does not answer");
   }
   const double firstReplyMs = millisecondsSince(begin);
-  std::printf(R"({"first_reply_ms": %.3f, "connect_ms": %.3f, "resident_kib": %ld})"
+  std::printf(R"({"first_reply_ms": %.3f, "connect_ms": %.3f, "cpu_ms": %.3f, "resident_kib": %ld})"
               "\n",
-              firstReplyMs, connectMs, service.residentKib());
+              firstReplyMs, connectMs, service.cpuMilliseconds(), service.residentKib());
 }
 
 }  // namespace

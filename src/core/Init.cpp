@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "common/Execute.h"
@@ -45,11 +46,11 @@ std::vector<std::unique_ptr<Validator>> createValidators() {
 /// A device without a single property must not come up as if it worked.
 std::unique_ptr<PersistentDatabaseCache> createCache(PersistentStorage& storage) {
   auto cache = std::make_unique<PersistentDatabaseCache>();
-  const std::vector<Property> rows = storage.selectMultiple(std::string(kSqlWildcard));
+  std::vector<Property> rows = storage.selectMultiple(std::string(kSqlWildcard));
   if (rows.empty()) {
     throw std::runtime_error("Cannot initialize cache");
   }
-  cache->load(rows);
+  cache->load(std::move(rows));
   return cache;
 }
 

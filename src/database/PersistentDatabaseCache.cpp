@@ -29,16 +29,16 @@ void copyValue(const Property& from, Property& to) {
 
 }  // namespace
 
-void PersistentDatabaseCache::load(const std::vector<Property>& rows) {
+void PersistentDatabaseCache::load(std::vector<Property> rows) {
   properties_.reserve(rows.size());
-  for (const Property& row : rows) {
+  for (Property& row : rows) {
     Property& stored = properties_[row.text(column::kKey)];
-    stored = row;
-    if (has(row, column::kWebui)) {
-      byWebui_[row.text(column::kWebui)] = &stored;
+    stored = std::move(row);
+    if (has(stored, column::kWebui)) {
+      byWebui_[stored.text(column::kWebui)] = &stored;
     }
-    if (has(row, column::kProvisioning)) {
-      byProvisioning_[row.text(column::kProvisioning)] = &stored;
+    if (has(stored, column::kProvisioning)) {
+      byProvisioning_[stored.text(column::kProvisioning)] = &stored;
     }
   }
 

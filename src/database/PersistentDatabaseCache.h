@@ -21,7 +21,7 @@ class PersistentDatabaseCache {
   PersistentDatabaseCache& operator=(const PersistentDatabaseCache&) = delete;
   virtual ~PersistentDatabaseCache() = default;
 
-  virtual void load(const std::vector<Property>& rows);
+  virtual void load(std::vector<Property> rows);
 
   /// Fills the property from the one with its "key"; where there is none from the one with its "provisioning"
   /// name or, when it has none, its "webui" name. Sets `NotFound` when that fails too.
