@@ -141,7 +141,7 @@ def measure_in_process(build, output, plan):
         if entry["run_type"] == "iteration":
             clock = "real_time" if "real_time" in entry["name"] else "cpu_time"
             name = "/".join(part for part in entry["name"].split("/")
-                            if part != "real_time" and not part.startswith(("iterations:", "repeats:")))
+                            if part != "real_time" and not part.startswith(("iterations:", "repeats:", "min_time:")))
             times.setdefault(name, []).append(entry[clock] * nanoseconds[entry["time_unit"]])
     return times
 
