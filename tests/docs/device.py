@@ -79,11 +79,12 @@ class Device:
         return self._broker_log.read_text()
 
     def _make_checkout(self, build_directory):
-        """A folder that looks like the source tree with a finished build. What a command writes there is dropped."""
+        """A folder that looks like the source tree with a finished build. The files of the device may be edited."""
         checkout = self.home / "checkout"
         (checkout / "build").mkdir(parents=True)
+        shutil.copytree(ROOT / "device", checkout / "device")
         for entry in ROOT.iterdir():
-            if entry.name != "build":
+            if entry.name not in ("build", "device"):
                 (checkout / entry.name).symlink_to(entry)
         for preset in ("debug", "release"):
             (checkout / "build" / preset).symlink_to(build_directory)
