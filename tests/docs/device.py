@@ -15,13 +15,13 @@ from documents import ROOT
 
 PATIENCE = 20  # seconds
 
-# As script/run has it. The log tells who has subscribed.
+# As script/run has it.
 BROKER_CONFIGURATION = """\
 listener 1883 127.0.0.1
 allow_anonymous true
 set_tcp_nodelay true
 """
-BROKER_LOG = "log_dest stderr\nlog_type all\n"
+BROKER_ALWAYS = "user root\nlog_dest stderr\nlog_type all\n"
 
 
 def eventually(condition):
@@ -102,7 +102,7 @@ class Device:
     def _start_broker(self):
         installed = pathlib.Path("/etc/mosquitto/conf.d/propsrv.conf")
         configuration = self.home / "mosquitto.conf"
-        configuration.write_text((installed.read_text() if installed.exists() else BROKER_CONFIGURATION) + BROKER_LOG)
+        configuration.write_text((installed.read_text() if installed.exists() else BROKER_CONFIGURATION) + BROKER_ALWAYS)
         return self._started(["mosquitto", "-c", configuration], self._broker_log, _broker_listens)
 
     def _start_daemon(self):

@@ -90,6 +90,15 @@ class Links(unittest.TestCase):
             self.assertIn(path.name, readme)
 
 
+class LogEntries(unittest.TestCase):
+    def test_that_are_explained_are_made_by_the_daemon(self):
+        sources = "".join(path.read_text() for path in ROOT.glob("src/**/*.cpp"))
+        entries = re.findall(r"(?m)^\| `([^`]+)` \|", (ROOT / "docs/operations.md").read_text())
+        self.assertTrue(entries)
+        for entry in entries:
+            self.assertIn(re.split('[…"]', entry)[0], sources)
+
+
 class ManualPages(unittest.TestCase):
     def test_show_their_blocks_as_they_are_typed(self):
         for path in each(documents.is_manual_page):
