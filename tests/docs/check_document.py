@@ -19,10 +19,23 @@ from terminal import Terminal
 
 
 def agrees(expected, actual):
-    """Compares lines. "…" stands for any text, alone on a line for any lines."""
-    pattern = "".join("(?:.*\n)*" if line.strip() == "…" else ".+".join(map(re.escape, line.split("…"))) + "\n"
-                      for line in expected)
-    return re.fullmatch(pattern, "".join(line + "\n" for line in actual)) is not None
+    """Compares lines. "…" stands for any text, alone on a line for any lines; times are compared by their form."""
+    return re.fullmatch("".join(map(_pattern, expected)), "".join(line + "\n" for line in actual)) is not None
+
+
+_TIME = r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}"
+_MILLISECONDS = r"\d+\.\d+(?=(?:, \w+ \d+\.\d+)* ms)"
+
+
+def _pattern(line):
+    if line.strip() == "…":
+        return "(?:.*\n)*"
+    pieces = re.split(f"(…|{_TIME}|{_MILLISECONDS})", line)
+    for i in range(0, len(pieces), 2):
+        pieces[i] = re.escape(pieces[i])
+    for i in range(1, len(pieces), 2):
+        pieces[i] = ".+" if pieces[i] == "…" else _TIME if "T" in pieces[i] else _MILLISECONDS
+    return "".join(pieces) + "\n"
 
 
 class Checker:

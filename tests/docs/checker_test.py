@@ -87,6 +87,13 @@ class Comparison(unittest.TestCase):
         self.assertFalse(agrees(["a", "…", "d"], ["a", "b", "c"]))
 
 
+    def test_takes_any_time(self):
+        self.assertTrue(agrees(["2026-11-21T08:15:30.123 a"], ["2027-01-02T03:04:05.678 a"]))
+        self.assertFalse(agrees(["2026-11-21T08:15:30.123 a"], ["2027-01-02T03:04:05.678 b"]))
+        self.assertTrue(agrees(["least 0.2, median 0.3, most 0.4 ms"], ["least 0.25, median 13.1, most 14.0 ms"]))
+        self.assertFalse(agrees(["in 0.2 ms"], ["in no ms"]))
+
+
 class Screen(unittest.TestCase):
     def test_shows_what_a_progress_display_leaves(self):
         self.assertEqual(terminal.shown("10 %\r\x1b[K50 %\r\x1b[Kdone\n"), ["done"])

@@ -60,8 +60,9 @@ class Follower:
                               cwd=device.checkout, stdin=subprocess.DEVNULL, stdout=process_side, stderr=process_side)
         os.close(process_side)
         self._seen = ""
-        if not eventually(lambda: _listens(device.broker_log()[len(earlier):])):
-            raise TimeoutError(f"{command}: does not subscribe; so far: {self._seen}")
+        reads = command.startswith("propctl")  # to know what was before
+        if not eventually(lambda: _listens(device.broker_log()[len(earlier):], reads)):
+            raise TimeoutError(f"{command}: does not subscribe; so far: {self._read()}")
 
     def end(self, lines):
         """Waits for so many lines, presses Ctrl-C, and returns all lines."""
@@ -81,11 +82,14 @@ class Follower:
         return self._seen
 
 
-def _listens(log):
-    """True when a new client's subscriptions have been accepted and what it asked, if anything, answered."""
-    clients = set(re.findall(r"Sending SUBACK to (\S+)", log))
-    return any(log.count(f"Received PUBLISH from {client} ") == log.count(f"'prop-service/{client}'")
-               for client in clients)
+def _listens(log, reads):
+    """True when a client hears what is announced and, if it `reads` before that, has its answers."""
+    for client in re.findall(r": (\S+) \d \S+/any\n", log):
+        asked = log.count(f"Received PUBLISH from {client} ")
+        answered = len(re.findall(f"Sending PUBLISH to {client} .*'prop-service/", log))
+        if asked == answered and (asked or not reads):
+            return True
+    return False
 
 
 def _open_terminal():
