@@ -61,9 +61,9 @@ class ConnectionError : public std::runtime_error {
 };
 
 struct Tls {
-  std::string caFile;           ///< Whom to trust, PEM.
-  std::string certificateFile;  ///< What to prove oneself with, PEM; empty: nothing.
-  std::string keyFile;
+  std::string caFile{};           ///< Whom to trust, PEM; empty: those whom the system trusts.
+  std::string certificateFile{};  ///< What to prove oneself with, PEM; empty: nothing.
+  std::string keyFile{};
 };
 
 struct Options {
@@ -72,15 +72,15 @@ struct Options {
 
   /// The sender: one topic level that no other program on the broker uses. Empty: `user`, or without that a
   /// name of this client's own.
-  std::string name;
+  std::string name{};
 
-  std::string user;  ///< Empty: no authentication.
-  std::string password;
-  std::optional<Tls> tls;
+  std::string user{};  ///< Empty: no authentication.
+  std::string password{};
+  std::optional<Tls> tls{};
 
   /// Reaches the device with this serial number through a central broker ("devices/SERIAL/" before every
   /// topic); empty: the device at the broker itself.
-  std::string device;
+  std::string device{};
 
   std::chrono::milliseconds timeout{5000};  ///< For `connect` and for each answer.
 };
