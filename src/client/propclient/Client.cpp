@@ -8,6 +8,7 @@
 #include <mutex>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -62,6 +63,18 @@ Options complete(Options options) {
   return options;
 }
 
+/// As the daemon spells them. Throws `std::invalid_argument` for what is no part of a topic.
+std::set<std::string> readGroups(const std::vector<std::string>& names) {
+  std::set<std::string> groups;
+  for (const std::string& name : names) {
+    if (!isTopicLevel(name)) {
+      throw std::invalid_argument("no group: \"" + name + '"');
+    }
+    groups.insert(propertyservice::lowerCased(name));
+  }
+  return groups;
+}
+
 /// A write to a connection that the broker has closed must not end the program, nor must its signal handlers
 /// run here.
 void blockSignals() {
@@ -95,6 +108,8 @@ class Client::Impl final : public TransportListener {
 
   void connect();
   void ask(Request request);
+  void watch(std::set<std::string> groups, std::function<void(const Change&)> callback);
+  void unwatch();
 
   /// Throws `std::logic_error` on the own thread, which would wait for itself.
   void refuseOnOwnThread() const;
@@ -103,7 +118,7 @@ class Client::Impl final : public TransportListener {
   void opened() override;
   void failed(const std::string& reason) override;
   void lost() override { session_.lost(); }
-  void subscribed(const std::optional<std::string>& refused) override;
+  void subscribed(const std::optional<std::string>& refused) override { session_.subscribed(refused); }
   void received(const std::string& topic, const std::string& payload) override {
     session_.received(topic, payload);
   }
@@ -112,6 +127,7 @@ class Client::Impl final : public TransportListener {
   /// Empty where the connection was made.
   using Outcome = std::optional<std::string>;
 
+  bool isOnOwnThread() const { return std::this_thread::get_id() == thread_.get_id(); }
   void run();
   void answerConnect(const Outcome& failure);
   std::string broker() const { return options_.host + ':' + std::to_string(options_.port); }
@@ -162,8 +178,38 @@ void Client::Impl::ask(Request request) {
   });
 }
 
+void Client::Impl::watch(std::set<std::string> groups, std::function<void(const Change&)> callback) {
+  refuseOnOwnThread();
+  const auto outcome = std::make_shared<std::promise<Outcome>>();
+  inbox_.put([this, groups = std::move(groups), callback = std::move(callback), outcome]() mutable {
+    session_.watch(std::move(groups), std::move(callback),
+                   [outcome](const Outcome& failure) { outcome->set_value(failure); });
+  });
+  auto result = outcome->get_future();
+  if (result.wait_for(options_.timeout) == std::future_status::timeout) {
+    unwatch();
+    throw ConnectionError("no watch over the broker at " + broker() + ": the daemon does not answer");
+  }
+  if (const Outcome failure = result.get()) {
+    throw ConnectionError("no watch over the broker at " + broker() + ": " + *failure);
+  }
+}
+
+void Client::Impl::unwatch() {
+  if (isOnOwnThread()) {
+    session_.unwatch();
+    return;
+  }
+  std::promise<void> done;
+  inbox_.put([this, &done] {
+    session_.unwatch();
+    done.set_value();
+  });
+  done.get_future().wait();
+}
+
 void Client::Impl::refuseOnOwnThread() const {
-  if (std::this_thread::get_id() == thread_.get_id()) {
+  if (isOnOwnThread()) {
     throw std::logic_error("propclient: a call that waits for an answer, made from a callback");
   }
 }
@@ -176,8 +222,6 @@ void Client::Impl::opened() {
 void Client::Impl::failed(const std::string& reason) {
   answerConnect(reason);
 }
-
-void Client::Impl::subscribed(const std::optional<std::string>& /*refused*/) {}
 
 void Client::Impl::answerConnect(const Outcome& failure) {
   if (const auto connecting = std::exchange(connecting_, nullptr)) {
@@ -200,6 +244,7 @@ void Client::Impl::run() {
     session_.keepTime(Clock::now());
   }
   connection_.close();
+  session_.unwatch();
   session_.lost();
 }
 
@@ -348,11 +393,12 @@ void Client::makeSysdump(Callback<Nothing> callback) {
   impl_->ask(request::maintenance(propertyservice::method::kMakeSysdump, std::move(callback)));
 }
 
-void Client::watch(const std::vector<std::string>& /*groups*/,
-                   std::function<void(const Change&)> /*callback*/) {
-  throw ConnectionError("watch: not yet");
+void Client::watch(const std::vector<std::string>& groups, std::function<void(const Change&)> callback) {
+  impl_->watch(readGroups(groups), std::move(callback));
 }
 
-void Client::unwatch() {}
+void Client::unwatch() {
+  impl_->unwatch();
+}
 
 }  // namespace propclient
