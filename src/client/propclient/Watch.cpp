@@ -191,7 +191,9 @@ void Watch::tryAgainSoon() {
 //   c. until then another value is either an older one, as in 3, or the first change since. It is not
 //      believed: the property is read again, and a. decides.
 //
-// So an unsettled property costs one more reading with its first change, and a settled one none.
+// So an unsettled property costs one more reading with its first change, and a settled one none. A value that
+// comes, goes and comes back while the announcements lag may be taken for settled too early, and its ups and
+// downs be told late; the last value told is the right one all the same.
 
 void Watch::changed(const std::string& key, Value value) {
   if (!wants(key)) {
