@@ -17,7 +17,7 @@ SECONDS_BETWEEN_COMMANDS = 1.2
 STYLE = """
     text { font: 14px ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace; fill: #c9d1d9; white-space: pre }
     .prompt { fill: #7ee787 } .command { fill: #ffffff; font-weight: 600 } .error { fill: #ffa198 }
-    @media not (prefers-reduced-motion) {
+    @media (prefers-reduced-motion: no-preference) {
       g { animation: appear 0.2s both; animation-delay: calc(var(--step) * %gs) }
       @keyframes appear { from { opacity: 0 } }
     }
@@ -25,14 +25,14 @@ STYLE = """
 
 
 def session():
-    """[(command, output lines)]"""
+    """What propctl is asked in the first terminal: [(command, output lines)]"""
     blocks = documents.read(ROOT / "README.md")
-    return [entry for block in blocks if block.heading == HEADING and block.kind == "console"
-            for entry in documents.commands(block)]
+    first = next(block for block in blocks if block.heading == HEADING and block.kind == "console")
+    return [(command, output) for command, output in documents.commands(first) if command.startswith("propctl")]
 
 
 def draw(entries):
-    height, groups = TITLE + MARGIN, []
+    height, groups = TITLE, []
     width = max(len(line) for command, output in entries for line in [f"$ {command}", *output])
     for step, (command, output) in enumerate(entries):
         texts = []

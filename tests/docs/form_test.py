@@ -6,6 +6,7 @@ import re
 import unittest
 
 import documents
+import draw_session
 from documents import ROOT
 
 # What no document's test runs, and why.
@@ -89,6 +90,13 @@ class Links(unittest.TestCase):
         readme = (ROOT / "README.md").read_text()
         for path in each(lambda path: path.name != "README.md"):
             self.assertIn(path.name, readme)
+
+
+class Picture(unittest.TestCase):
+    def test_shows_the_session_as_it_is_now(self):
+        picture = draw_session.draw(draw_session.session())
+
+        self.assertEqual((ROOT / "docs/session.svg").read_text(), picture, "tests/docs/draw_session.py draws it anew")
 
 
 class Complaints(unittest.TestCase):
