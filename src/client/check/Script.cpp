@@ -219,14 +219,21 @@ class Runner {
     const bool forShell = std::any_of(kShellOnly.begin(), kShellOnly.end(), [&](std::string_view name) {
       return message.ends_with(": " + std::string(name));
     });
-    if (blocked_ != nullptr) {
-      fail(line, std::string(blocked_) +
-                     " reaches outside of the script: it is not carried out here, and a database "
-                     "script has no need of it");
-    } else if (forShell) {
+    if (forShell) {
       findings_.warning(source_, line,
                         message + ", which only the sqlite3 shell has: the statement cannot be checked");
       script_.complete = false;
+    } else {
+      reportFailure(line, message);
+    }
+  }
+
+  void reportFailure(std::size_t line, const std::string& message) {
+    if (blocked_ != nullptr) {
+      fail(line,
+           std::string(blocked_) +
+               " reaches outside of the script: it is not carried out here, and a database script has no "
+               "need of it");
     } else {
       fail(line, message + ": the statement is left out");
     }
@@ -237,21 +244,20 @@ class Runner {
     const bool changing = changesRows_;
     noted_.clear();
     int status = stepToEnd(statement);
-    if ((status & 0xff) == SQLITE_CONSTRAINT && !noted_.empty()) {
+    const bool refused = (status & 0xff) == SQLITE_CONSTRAINT && !noted_.empty();
+    if (refused) {
       // Again, past the rows that the table refuses, so that the others are looked at as well.
       noted_.clear();
       skipping_ = true;
       status = stepToEnd(statement);
       skipping_ = false;
-      reportRefused(at, end);
-    } else if (status == SQLITE_DONE) {
-      keepNoted(at, end);
     }
+    keepNoted(at, end, refused);
     if (looks_ > kMostLooks) {
       fail(line, "takes too long: the device gives the whole script ten seconds");
     } else if (status != SQLITE_DONE) {
-      fail(line, std::string(sqlite3_errmsg(database_)) + ": the statement is left out");
-    } else if (changing && noted_.empty() && sqlite3_changes(database_) == 0) {
+      reportFailure(line, sqlite3_errmsg(database_));
+    } else if (changing && script_.complete && sqlite3_changes(database_) == 0) {
       findings_.warning(source_, line, "changes no row: is the key right, and is it inserted before?");
     }
     noteState(line);
@@ -266,49 +272,33 @@ class Runner {
     return status;
   }
 
-  /// Of a statement that has failed.
-  void reportRefused(std::size_t at, std::size_t end) {
-    const std::size_t rows = noted_.size();
-    const std::string consequence =
-        rows == 1 ? ": the row is left out"
-                  : ": all " + std::to_string(rows) + " rows of the statement are left out";
+  /// Takes down where the rows of a statement stand. One that was `refused` fails as a whole on the device.
+  void keepNoted(std::size_t at, std::size_t end, bool refused) {
+    if (noted_.empty()) {
+      return;
+    }
+    const std::string rows = std::to_string(noted_.size());
+    const std::string consequence = !refused ? ": the statement lets only one of the two stand"
+                                    : noted_.size() == 1
+                                        ? ": the row is left out"
+                                        : ": all " + rows + " rows of the statement are left out";
     SqlLiterals literals(sql_, at, end);
     for (const NotedRow& row : noted_) {
-      const std::string key = row.key.value_or("");
+      if (!row.key) {
+        findings_.error(source_, source_.lineAt(at), "brings a row without a key: nothing can read it");
+        continue;
+      }
+      const std::string& key = *row.key;
       const std::size_t line = source_.lineAt(literals.locate(key));
-      reportNull(row, line);
       if (row.taken) {
         findings_.error(source_, line, "duplicate key " + inQuotes(key) + firstPlace(key) + consequence);
       }
       for (const std::string& fault : row.faults) {
         findings_.error(source_, line, inQuotes(key) + ": " + fault + consequence);
       }
-      script_.lines.emplace(key, line);
-    }
-  }
-
-  /// Of a statement that has succeeded.
-  void keepNoted(std::size_t at, std::size_t end) {
-    if (noted_.empty()) {
-      return;
-    }
-    SqlLiterals literals(sql_, at, end);
-    for (const NotedRow& row : noted_) {
-      const std::string key = row.key.value_or("");
-      const std::size_t line = source_.lineAt(literals.locate(key));
-      reportNull(row, line);
-      if (row.taken) {
-        findings_.error(source_, line,
-                        "duplicate key " + inQuotes(key) + firstPlace(key) +
-                            ": the statement lets only one of the two stand");
+      if (!refused || !row.taken) {
+        script_.lines[key] = line;
       }
-      script_.lines[key] = line;
-    }
-  }
-
-  void reportNull(const NotedRow& row, std::size_t line) {
-    if (!row.key) {
-      findings_.error(source_, line, "a row without a key: nothing can read it");
     }
   }
 

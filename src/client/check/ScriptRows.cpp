@@ -52,7 +52,7 @@ class RowChecker {
     }
     checkKinds();
     const bool valuesForgotten = noneHasItsDefault(rows);
-    if (valuesForgotten) {
+    if (valuesForgotten && script_.complete) {
       findings_.error(
           source_, 0,
           "no property has a value, though they have defaults: end the script with UPDATE settings SET "
@@ -85,9 +85,12 @@ class RowChecker {
   void checkKinds() {
     for (const std::string_view name : column::kInteger) {
       const std::string cell(name);
-      SQLite::Statement statement(*script_.database, "SELECT key, CAST(" + cell + " AS TEXT), CAST(" + cell +
-                                                         " AS INTEGER) FROM settings WHERE typeof(" + cell +
-                                                         ") NOT IN ('integer', 'null')");
+      SQLite::Statement statement(*script_.database,
+                                  "SELECT key, CAST(" + cell + " AS TEXT), CAST(" + cell +
+                                      " AS INTEGER) FROM settings WHERE typeof(" + cell +
+                                      ") NOT IN ('integer', 'null') AND (SELECT upper(type) FROM "
+                                      "pragma_table_info('settings') WHERE name = '" +
+                                      cell + "') = 'INTEGER'");
       while (statement.executeStep()) {
         const std::string key = statement.getColumn(0).getString();
         const auto line = script_.lines.find(key);
