@@ -23,7 +23,7 @@ constexpr int kLongestCell = 1 << 20;
 constexpr int kOperationsPerLook = 100'000;
 constexpr int kMostLooks = 500;
 constexpr std::size_t kMostFailures = 1000;
-constexpr const char* kLimitMemory = "PRAGMA temp_store = MEMORY; PRAGMA max_page_count = 32768";
+constexpr sqlite3_int64 kMostMemory = 256 << 20;
 constexpr const char* kForgetTrigger = "DROP TRIGGER IF EXISTS temp.propctl_note";
 
 /// What only the shell that runs the script on the device has.
@@ -46,6 +46,18 @@ bool equal(std::string_view a, std::string_view b) {
   return a.size() == b.size() && sqlite3_strnicmp(a.data(), b.data(), static_cast<int>(a.size())) == 0;
 }
 
+/// Keeps SQLite, in the whole process, from taking much memory.
+class MemoryLimit {
+ public:
+  MemoryLimit() = default;
+  MemoryLimit(const MemoryLimit&) = delete;
+  MemoryLimit& operator=(const MemoryLimit&) = delete;
+  ~MemoryLimit() { sqlite3_hard_heap_limit64(before_); }
+
+ private:
+  const sqlite3_int64 before_ = sqlite3_hard_heap_limit64(kMostMemory);
+};
+
 struct Finalize {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 };
@@ -59,7 +71,7 @@ class Runner {
     script_.database =
         std::make_shared<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database_ = script_.database->getHandle();
-    sqlite3_exec(database_, kLimitMemory, nullptr, nullptr, nullptr);
+    sqlite3_exec(database_, "PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
     sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestCell);
     sqlite3_set_authorizer(database_, &Runner::authorize, this);
     sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, this);
@@ -294,7 +306,7 @@ class Runner {
         findings_.error(source_, line, "duplicate key " + inQuotes(key) + firstPlace(key) + consequence);
       }
       for (const std::string& fault : row.faults) {
-        findings_.error(source_, line, inQuotes(key) + ": " + fault + consequence);
+        findings_.error(source_, line, inQuotes(key).append(": ").append(fault).append(consequence));
       }
       if (!refused || !row.taken) {
         script_.lines[key] = line;
@@ -362,6 +374,7 @@ Script runScript(const Source& source, Findings& findings) {
     nothing.complete = false;
     return nothing;
   }
+  const MemoryLimit limit;
   return Runner(source, findings).run();
 }
 

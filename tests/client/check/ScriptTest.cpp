@@ -209,6 +209,11 @@ INSTANTIATE_TEST_SUITE_P(
              "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n;", 3,
              kError, "takes too long"},
         Case{"hugeCell", "UPDATE settings SET tr069 = zeroblob(100000000);", 3, kError, "too big"},
+        Case{"hugeTable",
+             "INSERT INTO settings (key, tr069) WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 "
+             "FROM n)\n"
+             "SELECT 'A.' || i, hex(zeroblob(400000)) FROM n;",
+             3, kError, "out of memory"},
         Case{"commitWithoutBegin", "COMMIT;", 3, kError, "no transaction is active"},
         Case{"nulCharacter", std::string("-- \0", 4), 3, kError, "holds a NUL character"}),
     nameOf);
