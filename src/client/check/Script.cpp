@@ -226,8 +226,9 @@ class Runner {
 
   void reportUnreadable(std::size_t at) {
     const int offset = sqlite3_error_offset(database_);
-    const std::size_t line = source_.lineAt(at + static_cast<std::size_t>(std::max(offset, 0)));
     const std::string message = sqlite3_errmsg(database_);
+    const std::size_t line =
+        source_.lineAt(offset >= 0 ? at + static_cast<std::size_t>(offset) : locate(message, at));
     const bool forShell = std::any_of(kShellOnly.begin(), kShellOnly.end(), [&](std::string_view name) {
       return message.ends_with(": " + std::string(name));
     });
@@ -238,6 +239,16 @@ class Runner {
     } else {
       reportFailure(line, message);
     }
+  }
+
+  /// The offset of what a message without a place speaks of.
+  std::size_t locate(const std::string& message, std::size_t at) const {
+    const std::size_t end = endOfFaultyStatement(sql_, at);
+    if (message.ends_with("VALUES must have the same number of terms")) {
+      return findUnequalRow(sql_, at, end);
+    }
+    const std::size_t word = message.rfind(' ') + 1;
+    return findWord(sql_, at, end, std::string_view(message).substr(word));
   }
 
   void reportFailure(std::size_t line, const std::string& message) {

@@ -180,6 +180,13 @@ INSTANTIATE_TEST_SUITE_P(
              kError, R"(near "SELECT": syntax error)"},
         Case{"unknownColumn", "INSERT INTO settings (key, default_values) VALUES ('A.B', 'x');", 3, kError,
              "no column named default_values"},
+        Case{"unknownColumnOfMany", "INSERT INTO settings (key,\ndefault_values) VALUES ('A.B', 'x');", 4,
+             kError, "no column named default_values"},
+        Case{"rowWithACellTooFew",
+             "INSERT INTO settings (key, value, enum) VALUES\n('A.B', 'x', ')'),\n('A.C', 'x', "
+             "replace('1,2', ',', "
+             "'')),\n('A.D', 'x');",
+             6, kError, "all VALUES must have the same number of terms"},
         Case{"tooManyValues", "\n\nINSERT INTO settings (key) VALUES ('A.B', 'x');", 5, kError,
              "2 values for 1 columns"},
         Case{"updateOfNoRow", "UPDATE settings SET flags = 1 WHERE key = 'NET.MAC.Adress';", 3, kWarning,
