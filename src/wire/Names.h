@@ -68,6 +68,16 @@ inline std::string changes(const std::string& group) {
 
 inline constexpr char kAllGroups[] = "groupnotify";
 
+/// What stands before every topic of a device that is reached through a central broker.
+inline std::string devicePrefix(const std::string& serial) {
+  return "devices/" + serial + '/';
+}
+
+/// Where a central broker keeps whether a device is connected: "1" or "0". `serial` may be "+".
+inline std::string presence(const std::string& serial) {
+  return devicePrefix(serial) + "online";
+}
+
 }  // namespace topic
 
 inline std::string lowerCased(std::string text) {

@@ -220,17 +220,17 @@ class Judge {
   }
 
   void judgeValue(const std::string& what, const std::string& text, const std::string& consequence) {
+    const std::string subject = "the " + what + ' ' + inQuotes(text) + ' ';
     if (!propertyservice::isStorable(text)) {
       error("the " + what + " has more than 256 characters, a NUL, or is not UTF-8");
       return;
     }
     for (const std::string& reason : refusals(text)) {
-      error("the " + what + ' ' + inQuotes(text) + ' ' + reason + consequence);
+      error(std::string(subject).append(reason).append(consequence));
     }
     if (text.find_first_of("\r\n") != std::string::npos ||
         text.find("DatabaseVersion:") != std::string::npos) {
-      error("the " + what + ' ' + inQuotes(text) +
-            " has a line break or \"DatabaseVersion:\", which cuts a backup off there");
+      error(subject + "has a line break or \"DatabaseVersion:\", which cuts a backup off there");
     }
   }
 

@@ -23,7 +23,7 @@ constexpr int kLongestCell = 1 << 20;
 constexpr int kOperationsPerLook = 100'000;
 constexpr int kMostLooks = 500;
 constexpr std::size_t kMostFailures = 1000;
-constexpr const char* kLimitMemory = "PRAGMA temp_store = MEMORY; PRAGMA max_page_count = 32768";
+constexpr sqlite3_int64 kMostMemory = 256 << 20;
 constexpr const char* kForgetTrigger = "DROP TRIGGER IF EXISTS temp.propctl_note";
 
 /// What only the shell that runs the script on the device has.
@@ -46,6 +46,18 @@ bool equal(std::string_view a, std::string_view b) {
   return a.size() == b.size() && sqlite3_strnicmp(a.data(), b.data(), static_cast<int>(a.size())) == 0;
 }
 
+/// Keeps SQLite, in the whole process, from taking much memory.
+class MemoryLimit {
+ public:
+  MemoryLimit() = default;
+  MemoryLimit(const MemoryLimit&) = delete;
+  MemoryLimit& operator=(const MemoryLimit&) = delete;
+  ~MemoryLimit() { sqlite3_hard_heap_limit64(before_); }
+
+ private:
+  const sqlite3_int64 before_ = sqlite3_hard_heap_limit64(kMostMemory);
+};
+
 struct Finalize {
   void operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
 };
@@ -59,7 +71,7 @@ class Runner {
     script_.database =
         std::make_shared<SQLite::Database>(":memory:", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database_ = script_.database->getHandle();
-    sqlite3_exec(database_, kLimitMemory, nullptr, nullptr, nullptr);
+    sqlite3_exec(database_, "PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
     sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestCell);
     sqlite3_set_authorizer(database_, &Runner::authorize, this);
     sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, this);
@@ -214,19 +226,37 @@ class Runner {
 
   void reportUnreadable(std::size_t at) {
     const int offset = sqlite3_error_offset(database_);
-    const std::size_t line = source_.lineAt(at + static_cast<std::size_t>(std::max(offset, 0)));
     const std::string message = sqlite3_errmsg(database_);
+    const std::size_t line =
+        source_.lineAt(offset >= 0 ? at + static_cast<std::size_t>(offset) : locate(message, at));
     const bool forShell = std::any_of(kShellOnly.begin(), kShellOnly.end(), [&](std::string_view name) {
       return message.ends_with(": " + std::string(name));
     });
-    if (blocked_ != nullptr) {
-      fail(line, std::string(blocked_) +
-                     " reaches outside of the script: it is not carried out here, and a database "
-                     "script has no need of it");
-    } else if (forShell) {
+    if (forShell) {
       findings_.warning(source_, line,
                         message + ", which only the sqlite3 shell has: the statement cannot be checked");
       script_.complete = false;
+    } else {
+      reportFailure(line, message);
+    }
+  }
+
+  /// The offset of what a message without a place speaks of.
+  std::size_t locate(const std::string& message, std::size_t at) const {
+    const std::size_t end = endOfFaultyStatement(sql_, at);
+    if (message.ends_with("VALUES must have the same number of terms")) {
+      return findUnequalRow(sql_, at, end);
+    }
+    const std::size_t word = message.rfind(' ') + 1;
+    return findWord(sql_, at, end, std::string_view(message).substr(word));
+  }
+
+  void reportFailure(std::size_t line, const std::string& message) {
+    if (blocked_ != nullptr) {
+      fail(line,
+           std::string(blocked_) +
+               " reaches outside of the script: it is not carried out here, and a database script has no "
+               "need of it");
     } else {
       fail(line, message + ": the statement is left out");
     }
@@ -237,21 +267,20 @@ class Runner {
     const bool changing = changesRows_;
     noted_.clear();
     int status = stepToEnd(statement);
-    if ((status & 0xff) == SQLITE_CONSTRAINT && !noted_.empty()) {
+    const bool refused = (status & 0xff) == SQLITE_CONSTRAINT && !noted_.empty();
+    if (refused) {
       // Again, past the rows that the table refuses, so that the others are looked at as well.
       noted_.clear();
       skipping_ = true;
       status = stepToEnd(statement);
       skipping_ = false;
-      reportRefused(at, end);
-    } else if (status == SQLITE_DONE) {
-      keepNoted(at, end);
     }
+    keepNoted(at, end, refused);
     if (looks_ > kMostLooks) {
       fail(line, "takes too long: the device gives the whole script ten seconds");
     } else if (status != SQLITE_DONE) {
-      fail(line, std::string(sqlite3_errmsg(database_)) + ": the statement is left out");
-    } else if (changing && noted_.empty() && sqlite3_changes(database_) == 0) {
+      reportFailure(line, sqlite3_errmsg(database_));
+    } else if (changing && script_.complete && sqlite3_changes(database_) == 0) {
       findings_.warning(source_, line, "changes no row: is the key right, and is it inserted before?");
     }
     noteState(line);
@@ -266,49 +295,33 @@ class Runner {
     return status;
   }
 
-  /// Of a statement that has failed.
-  void reportRefused(std::size_t at, std::size_t end) {
-    const std::size_t rows = noted_.size();
-    const std::string consequence =
-        rows == 1 ? ": the row is left out"
-                  : ": all " + std::to_string(rows) + " rows of the statement are left out";
+  /// Takes down where the rows of a statement stand. One that was `refused` fails as a whole on the device.
+  void keepNoted(std::size_t at, std::size_t end, bool refused) {
+    if (noted_.empty()) {
+      return;
+    }
+    const std::string rows = std::to_string(noted_.size());
+    const std::string consequence = !refused ? ": the statement lets only one of the two stand"
+                                    : noted_.size() == 1
+                                        ? ": the row is left out"
+                                        : ": all " + rows + " rows of the statement are left out";
     SqlLiterals literals(sql_, at, end);
     for (const NotedRow& row : noted_) {
-      const std::string key = row.key.value_or("");
+      if (!row.key) {
+        findings_.error(source_, source_.lineAt(at), "brings a row without a key: nothing can read it");
+        continue;
+      }
+      const std::string& key = *row.key;
       const std::size_t line = source_.lineAt(literals.locate(key));
-      reportNull(row, line);
       if (row.taken) {
         findings_.error(source_, line, "duplicate key " + inQuotes(key) + firstPlace(key) + consequence);
       }
       for (const std::string& fault : row.faults) {
-        findings_.error(source_, line, inQuotes(key) + ": " + fault + consequence);
+        findings_.error(source_, line, inQuotes(key).append(": ").append(fault).append(consequence));
       }
-      script_.lines.emplace(key, line);
-    }
-  }
-
-  /// Of a statement that has succeeded.
-  void keepNoted(std::size_t at, std::size_t end) {
-    if (noted_.empty()) {
-      return;
-    }
-    SqlLiterals literals(sql_, at, end);
-    for (const NotedRow& row : noted_) {
-      const std::string key = row.key.value_or("");
-      const std::size_t line = source_.lineAt(literals.locate(key));
-      reportNull(row, line);
-      if (row.taken) {
-        findings_.error(source_, line,
-                        "duplicate key " + inQuotes(key) + firstPlace(key) +
-                            ": the statement lets only one of the two stand");
+      if (!refused || !row.taken) {
+        script_.lines[key] = line;
       }
-      script_.lines[key] = line;
-    }
-  }
-
-  void reportNull(const NotedRow& row, std::size_t line) {
-    if (!row.key) {
-      findings_.error(source_, line, "a row without a key: nothing can read it");
     }
   }
 
@@ -372,6 +385,7 @@ Script runScript(const Source& source, Findings& findings) {
     nothing.complete = false;
     return nothing;
   }
+  const MemoryLimit limit;
   return Runner(source, findings).run();
 }
 

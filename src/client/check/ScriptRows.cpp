@@ -38,6 +38,15 @@ constexpr std::array<const char*, 9> kDeviceFacts = {
     "System.Debug.LevelMask.PROP-SRV",
 };
 
+/// What the daemon would read as a number from a column that is declared for numbers.
+constexpr const char* kOddIntegers =
+    "SELECT key, name, cell, CAST(cell AS INTEGER) FROM (SELECT key, 'range_min' AS name, range_min AS cell "
+    "FROM settings "
+    "UNION ALL SELECT key, 'range_max', range_max FROM settings UNION ALL SELECT key, 'flags', flags FROM "
+    "settings) "
+    "JOIN pragma_table_info('settings') AS declared USING (name) WHERE upper(declared.type) = 'INTEGER' AND "
+    "typeof(cell) NOT IN ('integer', 'null')";
+
 class RowChecker {
  public:
   RowChecker(const Script& script, const Source& source, Findings& findings)
@@ -52,7 +61,7 @@ class RowChecker {
     }
     checkKinds();
     const bool valuesForgotten = noneHasItsDefault(rows);
-    if (valuesForgotten) {
+    if (valuesForgotten && script_.complete) {
       findings_.error(
           source_, 0,
           "no property has a value, though they have defaults: end the script with UPDATE settings SET "
@@ -76,26 +85,23 @@ class RowChecker {
   }
 
  private:
-  std::size_t lineOf(const Property& row) const {
-    const auto found = script_.lines.find(row.text(column::kKey));
+  std::size_t lineOf(const Property& row) const { return lineOf(row.text(column::kKey)); }
+
+  std::size_t lineOf(const std::string& key) const {
+    const auto found = script_.lines.find(key);
     return found == script_.lines.end() ? 0 : found->second;
   }
 
   /// Cells of the integer columns that hold something else.
   void checkKinds() {
-    for (const std::string_view name : column::kInteger) {
-      const std::string cell(name);
-      SQLite::Statement statement(*script_.database, "SELECT key, CAST(" + cell + " AS TEXT), CAST(" + cell +
-                                                         " AS INTEGER) FROM settings WHERE typeof(" + cell +
-                                                         ") NOT IN ('integer', 'null')");
-      while (statement.executeStep()) {
-        const std::string key = statement.getColumn(0).getString();
-        const auto line = script_.lines.find(key);
-        findings_.error(source_, line == script_.lines.end() ? 0 : line->second,
-                        inQuotes(key) + ": \"" + cell + "\" is " +
-                            inQuotes(statement.getColumn(1).getString()) + " and no integer: it counts as " +
-                            statement.getColumn(2).getString() + "; write NULL for none");
-      }
+    SQLite::Statement statement(*script_.database, kOddIntegers);
+    while (statement.executeStep()) {
+      const std::string key = statement.getColumn(0).getString();
+      const std::string name = statement.getColumn(1).getString();
+      findings_.error(source_, lineOf(key),
+                      inQuotes(key) + ": \"" + name + "\" is " +
+                          inQuotes(statement.getColumn(2).getString()) + " and no integer: it counts as " +
+                          statement.getColumn(3).getString() + "; write NULL for none");
     }
   }
 

@@ -1,6 +1,7 @@
 #include "client/check/SqlText.h"
 
 #include <algorithm>
+#include <cctype>
 
 namespace check {
 
@@ -31,6 +32,10 @@ std::string unquote(std::string_view literal) {
 
 bool isQuote(char character) {
   return character == '\'' || character == '"' || character == '`';
+}
+
+bool isWordCharacter(char character) {
+  return std::isalnum(static_cast<unsigned char>(character)) != 0 || character == '_';
 }
 
 /// How many characters two texts have in common at their ends.
@@ -73,6 +78,47 @@ std::size_t endOfFaultyStatement(std::string_view sql, std::size_t offset) {
     offset = isQuote(sql[next]) ? skipQuoted(sql, next) : next + 1;
   }
   return sql.size();
+}
+
+std::size_t findUnequalRow(std::string_view sql, std::size_t begin, std::size_t end) {
+  const std::string_view text = sql.substr(0, end);
+  std::size_t depth = 0;
+  std::size_t row = begin;
+  std::size_t cells = 0;
+  std::size_t cellsBefore = 0;
+  bool follows = false;  // Only a comma stands between the row before and this one.
+  for (std::size_t at = skipSqlBlanks(text, begin); at < end; at = skipSqlBlanks(text, at)) {
+    const char character = text[at];
+    if (character == '(' && ++depth == 1) {
+      row = at;
+      cells = 1;
+    } else if (character == ')' && depth > 0 && --depth == 0) {
+      if (follows && cells != cellsBefore) {
+        return row;
+      }
+      cellsBefore = cells;
+      follows = true;
+    } else if (depth == 0 && character != ',') {
+      follows = false;
+    } else if (depth == 1 && character == ',') {
+      ++cells;
+    }
+    at = isQuote(character) ? skipQuoted(text, at) : at + 1;
+  }
+  return begin;
+}
+
+std::size_t findWord(std::string_view sql, std::size_t begin, std::size_t end, std::string_view word) {
+  const std::string_view text = sql.substr(0, end);
+  for (std::size_t at = text.find(word, begin); at != std::string_view::npos; at = text.find(word, at + 1)) {
+    const std::size_t behind = at + word.size();
+    const bool begins = at == 0 || !isWordCharacter(text[at - 1]);
+    const bool ends = behind == text.size() || !isWordCharacter(text[behind]);
+    if (begins && ends) {
+      return at;
+    }
+  }
+  return begin;
 }
 
 SqlLiterals::SqlLiterals(std::string_view sql, std::size_t begin, std::size_t end) : begin_(begin) {

@@ -15,6 +15,13 @@ std::size_t skipSqlBlanks(std::string_view sql, std::size_t offset);
 /// the shell begins anew after a statement that it could not read.
 std::size_t endOfFaultyStatement(std::string_view sql, std::size_t offset);
 
+/// The offset of the first of the rows from `begin` on, "(…), (…)" at the outermost level, that has another
+/// number of cells than the row before it; `begin` where there is none.
+std::size_t findUnequalRow(std::string_view sql, std::size_t begin, std::size_t end);
+
+/// The offset of the first occurrence of an identifier from `begin` on; `begin` where there is none.
+std::size_t findWord(std::string_view sql, std::size_t begin, std::size_t end, std::string_view word);
+
 /// Where a statement writes which text.
 class SqlLiterals {
  public:

@@ -10,7 +10,7 @@ namespace propclient {
 namespace topic = propertyservice::topic;
 
 Topics::Topics(const std::string& sender, const std::string& device)
-    : prefix(device.empty() ? std::string() : "devices/" + device + '/'),
+    : prefix(device.empty() ? std::string() : propertyservice::topic::devicePrefix(device)),
       requests(prefix + topic::request(sender)),
       replies(prefix + topic::reply(sender)) {}
 

@@ -29,11 +29,8 @@ ExitStatus reset(Session& session, const Names& names);
 /// `file` "-": standard input.
 ExitStatus load(Session& session, const std::string& file, Field field, bool dryRun);
 
-/// Has the signals that end "watch" wait for it. To be called before there is a session, whose thread
-/// inherits it.
-void blockWatchSignals();
-
-/// Until SIGINT, SIGTERM or `count` changes. REQUIRES: `blockWatchSignals`.
+/// Until SIGINT, SIGTERM or `count` changes. To be called by the main thread, as the last command of the
+/// program.
 ExitStatus watch(Session& session, const Names& groups, bool withOld, std::optional<unsigned> count);
 
 ExitStatus backup(Session& session, bool allSettings);

@@ -44,7 +44,8 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
 }  // namespace
 
 void Output::line(const std::string& text) {
-  out_ << text << '\n';
+  out_ << prefix_ << text << '\n';
+  spoken_ = true;
 }
 
 void Output::value(const std::string& value) {
@@ -52,7 +53,15 @@ void Output::value(const std::string& value) {
 }
 
 void Output::json(const Json::Value& document) {
-  out_ << propertyservice::json::write(document);
+  spoken_ = true;
+  if (style_.device.empty()) {
+    out_ << propertyservice::json::write(document);
+    return;
+  }
+  Json::Value ofDevice;
+  ofDevice["device"] = style_.device;
+  ofDevice["result"] = document;
+  out_ << propertyservice::json::write(ofDevice);
 }
 
 void Output::table(const std::vector<std::string>& headings,
@@ -80,13 +89,15 @@ void Output::table(const std::vector<std::string>& headings,
 
 void Output::complain(const std::string& text) {
   progress("");
-  errors_ << "propctl: " << text << std::endl;
+  errors_ << "propctl: " << prefix_ << text << std::endl;
+  spoken_ = true;
 }
 
 void Output::remark(const std::string& text) {
   if (!style_.quiet) {
     progress("");
-    errors_ << text << std::endl;
+    errors_ << prefix_ << text << std::endl;
+    spoken_ = true;
   }
 }
 

@@ -164,6 +164,17 @@ std::vector<Assignment> readDump(const std::string& text, const std::string& sou
   return assignments;
 }
 
+std::vector<std::string> splitList(const std::string& text) {
+  std::vector<std::string> parts;
+  std::istringstream stream(text);
+  for (std::string part; std::getline(stream, part, ',');) {
+    if (!part.empty()) {
+      parts.push_back(part);
+    }
+  }
+  return parts;
+}
+
 bool isPattern(std::string_view name) {
   return name.find('%') != std::string_view::npos;
 }

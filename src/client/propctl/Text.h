@@ -30,6 +30,9 @@ std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments)
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 
+/// The parts of "A,B,…", without empty ones.
+std::vector<std::string> splitList(const std::string& text);
+
 bool isPattern(std::string_view name);
 
 /// Whether it names run-time state, which has no rules and no default.

@@ -88,24 +88,21 @@ class Printer {
   std::exception_ptr failure_;
 };
 
-sigset_t watchSignals() {
+/// From now on they wait for somebody to take them.
+sigset_t blockEndSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGUSR1}) {
     sigaddset(&signals, signal);
   }
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return signals;
 }
 
 }  // namespace
 
-void blockWatchSignals() {
-  const sigset_t signals = watchSignals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-}
-
 ExitStatus watch(Session& session, const Names& groups, bool withOld, std::optional<unsigned> count) {
-  const sigset_t ends = watchSignals();
+  const sigset_t ends = blockEndSignals();
   Printer printer(session.output(), withOld, count);
   try {
     session.client().watch(groups, [&printer](const propclient::Change& change) { printer.print(change); });

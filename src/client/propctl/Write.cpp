@@ -92,32 +92,36 @@ ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, 
   for (const Columns& property : answer.value) {
     properties.emplace(columnOf(property, nameColumn(field)), property);
   }
-  ExitStatus status = ExitStatus::done;
+  std::size_t refused = 0;
   Json::Value outcomes(Json::objectValue);
+  Output& output = session.output();
   for (const auto& [name, value] : assignments) {
     const auto property = properties.find(name);
     const bool state = field == Field::key && isState(name);
-    std::string outcome;
-    if (property == properties.end() && !state) {
-      outcome = refusal(Status::notFound, value, {});
-      status = ExitStatus::refused;
-    } else if (const Status verdict = state ? Status::ok : judge(value, property->second);
-               verdict != Status::ok) {
-      outcome = refusal(verdict, value, property->second);
-      status = ExitStatus::refused;
-    } else {
-      const bool same = !state && columnOf(property->second, column::kValue) == value;
-      outcome = same ? "stays as it is" : "would be written";
+    const Columns columns = property != properties.end() ? property->second : Columns{};
+    const Status verdict = state ? Status::ok : columns.empty() ? Status::notFound : judge(value, columns);
+    std::string outcome = "would be written";
+    if (verdict != Status::ok) {
+      outcome = refusal(verdict, value, columns);
+      ++refused;
+    } else if (!state && columnOf(columns, column::kValue) == value) {
+      outcome = "stays as it is";
     }
     outcomes[name] = outcome;
-    if (!session.output().style().json) {
-      session.output().line(escaped(name) + '=' + escaped(value) + ": " + outcome);
+    if (!output.style().json) {
+      output.line(escaped(name) + '=' + escaped(value) + ": " + outcome);
     }
   }
-  if (session.output().style().json) {
-    session.output().json(outcomes);
+  if (output.style().json) {
+    output.json(outcomes);
   }
-  return status;
+  if (refused == 0) {
+    return ExitStatus::done;
+  }
+  output.flush();
+  output.complain(std::to_string(refused) + " of " + std::to_string(assignments.size()) +
+                  " would be refused");
+  return ExitStatus::refused;
 }
 
 /// Values by key.

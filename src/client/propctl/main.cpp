@@ -7,6 +7,7 @@
 
 #include "client/propctl/Commands.h"
 #include "client/propctl/ConnectionOptions.h"
+#include "client/propctl/Fleet.h"
 #include "client/propctl/Text.h"
 #include "dbg/Debug.h"
 
@@ -18,6 +19,10 @@ constexpr std::chrono::milliseconds kTimeout{5000};
 /// An export waits for the database file, and runs the sqlite3 shell.
 constexpr std::chrono::milliseconds kMaintenanceTimeout{60000};
 constexpr std::chrono::milliseconds kCompletionTimeout{1000};
+
+Field toField(const std::string& name) {
+  return name == "web" ? Field::web : name == "provisioning" ? Field::provisioning : Field::key;
+}
 
 /// The arguments in the order that the parser wants, from the last to the first. It would take one in
 /// brackets, which may be a value, for a list: a NUL, which no argument can hold, stands behind it until the
@@ -71,10 +76,13 @@ class CommandLine {
       text.erase(text.find_last_not_of('\n') + 1);
       throw Failure(ExitStatus::usage, escaped(text) + "; see propctl --help");
     }
-    const bool terminal = isatty(STDOUT_FILENO) != 0;
     takeAsGiven(name_);
     std::for_each(names_.begin(), names_.end(), takeAsGiven);
-    Output output(std::cout, std::cerr, {json_, quiet_, terminal && !json_, isatty(STDERR_FILENO) != 0});
+    Output output(std::cout, std::cerr,
+                  {.json = json_,
+                   .quiet = quiet_,
+                   .table = isatty(STDOUT_FILENO) != 0 && !json_,
+                   .progress = isatty(STDERR_FILENO) != 0});
     const ExitStatus status = run_(output);
     output.flush();
     return status;
@@ -82,6 +90,7 @@ class CommandLine {
 
  private:
   using OnSession = std::function<ExitStatus(Session&)>;
+  enum class Devices { any, one };
 
   void addConnectionOptions() {
     const std::string group = "Connection";
@@ -103,6 +112,13 @@ class CommandLine {
     add("--cert", connection_.certificateFile, "Certificate of the client", "PROPCTL_CERT")
         ->type_name("FILE");
     add("--key", connection_.keyFile, "Its key", "PROPCTL_KEY")->type_name("FILE");
+    add("--device", device_, "Serial number of a device behind a central broker; also several, and patterns",
+        "PROPCTL_DEVICE")
+        ->type_name("SERIAL,…");
+    app_.add_option("--jobs", jobs_, "So many devices at once [16]")
+        ->check(CLI::Range(1, 1024).description(""))
+        ->group(group)
+        ->type_name("N");
     add("--timeout", connection_.timeout, "For each answer [5; maintenance 60]", "PROPCTL_TIMEOUT")
         ->check(CLI::Range(0.001, 86400.0).description(""))
         ->type_name("SECONDS");
@@ -114,10 +130,20 @@ class CommandLine {
     return verb;
   }
 
-  void onSession(CLI::App* verb, OnSession command, std::chrono::milliseconds timeout = kTimeout) {
-    verb->callback([this, command = std::move(command), timeout] {
-      run_ = [this, command, timeout](Output& output) {
-        Session session(toOptions(connection_, timeout), output);
+  void onSession(CLI::App* verb, OnSession command, std::chrono::milliseconds timeout = kTimeout,
+                 Devices devices = Devices::any) {
+    verb->callback([this, command = std::move(command), timeout, devices] {
+      run_ = [this, command, timeout, devices](Output& output) {
+        propclient::Options options = toOptions(connection_, timeout);
+        const std::vector<std::string> serials = splitList(device_);
+        if (serials.size() > 1 || (serials.size() == 1 && isSerialPattern(serials.front()))) {
+          if (devices == Devices::one) {
+            throw Failure(ExitStatus::usage, "this command takes one device at a time");
+          }
+          return runOnDevices(serials, options, jobs_, output, command);
+        }
+        options.device = device_;
+        Session session(options, output);
         return command(session);
       };
     });
@@ -128,9 +154,9 @@ class CommandLine {
   }
 
   void addField(CLI::App* verb, const std::string& text) {
-    verb->add_option("--by", field_, text)
-        ->transform(CLI::CheckedTransformer(std::map<std::string, Field>{
-            {"key", Field::key}, {"web", Field::web}, {"provisioning", Field::provisioning}}))
+    verb->add_option_function<std::string>(
+            "--by", [this](const std::string& name) { field_ = toField(name); }, text)
+        ->check(CLI::IsMember({"key", "web", "provisioning"}).description(""))
         ->type_name("key|web|provisioning");
   }
 
@@ -146,7 +172,9 @@ class CommandLine {
         ->delimiter(',')
         ->type_name("COLUMN,…");
     verb->add_flag("--changed", onlyChanged_, "Only what differs from its default");
-    onSession(verb, [this](Session& session) { return list(session, pattern_, columns_, onlyChanged_); });
+    onSession(verb, [this](Session& session) {
+      return list(session, pattern_, splitList(columns_), onlyChanged_);
+    });
 
     verb = addVerb("describe", "Everything about one property");
     verb->add_option("NAME", name_, "Key or alias")->required()->type_name("");
@@ -177,9 +205,12 @@ class CommandLine {
     verb->add_option("FILE", name_, "- for standard input")->required()->type_name("");
     verb->add_flag("--dry-run", dryRun_, "Write nothing; tell what would become of each line");
     addField(verb, "What names are [provisioning]");
-    onSession(verb, [this, verb](Session& session) {
-      return load(session, name_, verb->count("--by") != 0 ? field_ : Field::provisioning, dryRun_);
-    });
+    onSession(
+        verb,
+        [this, verb](Session& session) {
+          return load(session, name_, verb->count("--by") != 0 ? field_ : Field::provisioning, dryRun_);
+        },
+        kTimeout, Devices::one);
   }
 
   void addWatch() {
@@ -187,15 +218,11 @@ class CommandLine {
     addNames(verb, "GROUP", names_, "Part of the keys before the first point [all]");
     verb->add_flag("--no-old", withoutOld_, "Leave out the value before");
     verb->add_option("--count", count_, "End after so many")
-        ->check(CLI::Validator(CLI::PositiveNumber).description(""))
+        ->check(CLI::Range(1U, 1000000000U).description(""))
         ->type_name("N");
-    verb->callback([this] {
-      run_ = [this](Output& output) {
-        blockWatchSignals();
-        Session session(toOptions(connection_, kTimeout), output);
-        return watch(session, names_, !withoutOld_, count_);
-      };
-    });
+    onSession(
+        verb, [this](Session& session) { return watch(session, names_, !withoutOld_, count_); }, kTimeout,
+        Devices::one);
   }
 
   void addMaintenance() {
@@ -215,7 +242,7 @@ class CommandLine {
 
     verb = addVerb("ping", "Is it alive, and how far away?");
     verb->add_option("--count", count_, "So many times [1]")
-        ->check(CLI::Validator(CLI::PositiveNumber).description(""))
+        ->check(CLI::Range(1U, 1000000000U).description(""))
         ->type_name("N");
     onSession(verb, [this](Session& session) { return ping(session, count_.value_or(1)); });
   }
@@ -230,12 +257,14 @@ class CommandLine {
 
   CLI::App app_{"Reads, writes and watches the configuration that PropertyService owns", "propctl"};
   ConnectionOptions connection_;
+  std::string device_;
+  unsigned jobs_ = 16;
   bool json_ = false;
   bool quiet_ = false;
   Names names_;
   std::string name_;
   std::string pattern_ = "%";
-  Names columns_;
+  std::string columns_;
   Field field_ = Field::key;
   bool onlyChanged_ = false;
   bool dryRun_ = false;
