@@ -66,9 +66,14 @@ class Commands(unittest.TestCase):
             self.assertIn(command, shown)
 
     def test_named_in_the_text_exist(self):
+        propctl = (ROOT / "docs/man/propctl.1").read_text()
         for path in each(is_markdown):
             for script in re.findall(r"`(script/[a-z]+)", path.read_text()):
                 self.assertTrue((ROOT / script).exists(), f"{path.name}: {script}")
+            for verb, rest in re.findall(r"`propctl ([a-z]+)([^`]*)`", without_blocks(path)):
+                self.assertRegex(propctl, rf"(?m)^\.It Cm {verb}\b", path)
+                for option in re.findall(r"--([a-z-]+)", rest):
+                    self.assertIn(rf"Fl \-{option}", propctl, path)
 
 
 class Links(unittest.TestCase):

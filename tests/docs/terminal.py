@@ -83,8 +83,8 @@ class Follower:
 
 
 def _listens(log, reads):
-    """True when a client hears what is announced and, if it `reads` before that, has its answers."""
-    for client in re.findall(r": (\S+) \d \S+/any\n", log):
+    """True when a client hears more than replies and, if it `reads` first, has read."""
+    for client in re.findall(r": (\S+) \d (?!prop-service/)\S+\n", log):
         asked = log.count(f"Received PUBLISH from {client} ")
         answered = len(re.findall(f"Sending PUBLISH to {client} .*'prop-service/", log))
         if asked == answered and (asked or not reads):
