@@ -103,7 +103,7 @@ class Device:
         installed = pathlib.Path("/etc/mosquitto/conf.d/propsrv.conf")
         configuration = self.home / "mosquitto.conf"
         configuration.write_text((installed.read_text() if installed.exists() else BROKER_CONFIGURATION) + BROKER_ALWAYS)
-        return self._started(["mosquitto", "-c", configuration], self._broker_log, _broker_listens)
+        return self._started(["/usr/sbin/mosquitto", "-c", configuration], self._broker_log, _broker_listens)
 
     def _start_daemon(self):
         def subscriptions():

@@ -18,20 +18,24 @@ if os.geteuid() != 0:
     UNSHARE += ["--user", "--map-root-user"]
 
 
+DEVICE = ROOT / "build/device"
+
+
 def isolate():
-    device = ROOT / "build/device"
     for command in (["ip", "link", "set", "lo", "up"],
                     ["mount", "-t", "tmpfs", "tree", "/mnt"],
                     ["mkdir", "/mnt/upper", "/mnt/work"],
                     ["mount", "-t", "overlay", "-o", f"lowerdir={ROOT},upperdir=/mnt/upper,workdir=/mnt/work", "tree", ROOT],
-                    ["mkdir", "-p", device],
-                    ["mount", "-t", "tmpfs", "device", device]):
+                    ["mkdir", "-p", DEVICE],
+                    ["mount", "-t", "tmpfs", "device", DEVICE]):
         subprocess.run(command, check=True)
     os.chdir(ROOT)
 
 
 class Run(unittest.TestCase):
     def setUp(self):
+        for entry in DEVICE.iterdir():
+            subprocess.run(["rm", "-rf", entry], check=True)
         self.run = subprocess.Popen(["script/run"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.said = ""
         while "script/run --" not in self.said:
@@ -52,6 +56,11 @@ class Run(unittest.TestCase):
         self.assertEqual(answers[0], '{"param":"Audio.Volume","result":"5","status":"Ok"}\n\n')
         self.assertEqual(answers[1], '{"param":"Audio.Volume","status":"Ok"}\n\n')
         self.assertIn("Audio.Volume|7\n", answers[2])
+
+    def test_has_built_the_command_line_that_the_readme_uses(self):
+        answer = subprocess.run(["build/release/propctl", "get", "Audio.Volume"], check=True, capture_output=True, text=True)
+
+        self.assertEqual(answer.stdout, "5\n")
 
     def test_ends_with_everything_at_ctrl_c(self):
         self.run.send_signal(signal.SIGINT)
