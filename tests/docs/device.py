@@ -102,7 +102,8 @@ class Device:
     def _start_broker(self):
         installed = pathlib.Path("/etc/mosquitto/conf.d/propsrv.conf")
         configuration = self.home / "mosquitto.conf"
-        configuration.write_text((installed.read_text() if installed.exists() else BROKER_CONFIGURATION) + BROKER_ALWAYS)
+        chosen = installed.read_text() if installed.exists() else BROKER_CONFIGURATION
+        configuration.write_text(chosen + BROKER_ALWAYS)
         return self._started(["/usr/sbin/mosquitto", "-c", configuration], self._broker_log, _broker_listens)
 
     def _start_daemon(self):

@@ -20,7 +20,8 @@ NOT_RUN = {
     "journalctl -u propsrv -f": "a namespace has no journal",
 }
 
-PROGRAMS = "script/[a-z]|propctl|PropertyService|mosquitto|systemctl|journalctl|sqlite3|cmake -|ninja -|ctest -|apt|man "
+PROGRAMS = ("script/[a-z]|propctl|PropertyService|mosquitto|systemctl|journalctl|sqlite3|cmake -|ninja -|ctest -|apt|"
+            "man ")
 
 
 def each(condition=lambda path: True):
