@@ -24,6 +24,7 @@ constexpr int kOperationsPerLook = 100'000;
 constexpr int kMostLooks = 500;
 constexpr std::size_t kMostFailures = 1000;
 constexpr sqlite3_int64 kMostMemory = 256 << 20;
+constexpr const char* kNote = "propctl_note";
 constexpr const char* kForgetTrigger = "DROP TRIGGER IF EXISTS temp.propctl_note";
 
 /// What only the shell that runs the script on the device has.
@@ -75,22 +76,26 @@ class Runner {
     sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestCell);
     sqlite3_set_authorizer(database_, &Runner::authorize, this);
     sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, this);
-    sqlite3_create_function(database_, "propctl_note", 5, SQLITE_UTF8, this, &Runner::noteRow, nullptr,
-                            nullptr);
+    sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, this, &Runner::noteRow, nullptr, nullptr);
   }
 
   Script run() && {
+    runAll();
+    finish();
+    return std::move(script_);
+  }
+
+ private:
+  void runAll() {
+    const MemoryLimit limit;
     for (std::size_t at = skipSqlBlanks(sql_, 0); at < sql_.size() && !stopped_;
          at = skipSqlBlanks(sql_, at)) {
       const bool atLineStart = at == 0 || sql_[at - 1] == '\n';
       const bool forShell = atLineStart && (sql_[at] == '.' || sql_[at] == '#');
       at = forShell ? runShellLine(at) : runStatement(at);
     }
-    finish();
-    return std::move(script_);
   }
 
- private:
   static int authorize(void* self, int action, const char* first, const char* second,
                        const char* /*database*/, const char* trigger) {
     const auto text = [](const char* argument) {
@@ -351,6 +356,8 @@ class Runner {
       sqlite3_exec(database_, "COMMIT", nullptr, nullptr, nullptr);
     }
     sqlite3_exec(database_, kForgetTrigger, nullptr, nullptr, nullptr);
+    // The script may have made triggers that call it.
+    sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, nullptr, nullptr, nullptr, nullptr);
     script_.readable = checkSchema(database_, source_, tableLine_, findings_);
   }
 
@@ -385,7 +392,6 @@ Script runScript(const Source& source, Findings& findings) {
     nothing.complete = false;
     return nothing;
   }
-  const MemoryLimit limit;
   return Runner(source, findings).run();
 }
 

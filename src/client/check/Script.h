@@ -28,6 +28,12 @@ struct Script {
   bool complete = true;
 
   bool has(const std::string& key) const { return lines.contains(key); }
+
+  /// 0 for a key that came in by ways that cannot be followed.
+  std::size_t lineOf(const std::string& key) const {
+    const auto found = lines.find(key);
+    return found == lines.end() ? 0 : found->second;
+  }
 };
 
 /// Runs the script as the device's shell does, on a database in memory, and tells about its statements and
