@@ -75,7 +75,7 @@ class Runner {
     sqlite3_exec(database_, "PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
     sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestCell);
     sqlite3_set_authorizer(database_, &Runner::authorize, this);
-    sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, this);
+    sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, script_.looks.get());
     sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, this, &Runner::noteRow, nullptr, nullptr);
   }
 
@@ -104,11 +104,7 @@ class Runner {
     return static_cast<Runner*>(self)->allow(action, text(first), text(second), trigger != nullptr);
   }
 
-  static int lookAtTime(void* self) {
-    auto* const runner = static_cast<Runner*>(self);
-    runner->stopped_ = ++runner->looks_ > kMostLooks;
-    return runner->stopped_ ? 1 : 0;
-  }
+  static int lookAtTime(void* looks) { return ++*static_cast<int*>(looks) > kMostLooks ? 1 : 0; }
 
   /// Arguments: key, its length, the length of value and default, and whether the key is there already.
   static void noteRow(sqlite3_context* context, int /*count*/, sqlite3_value** arguments) {
@@ -281,7 +277,8 @@ class Runner {
       skipping_ = false;
     }
     keepNoted(at, end, refused);
-    if (looks_ > kMostLooks) {
+    if (*script_.looks > kMostLooks) {
+      stopped_ = true;
       fail(line, "takes too long: the device gives the whole script ten seconds");
     } else if (status != SQLITE_DONE) {
       reportFailure(line, sqlite3_errmsg(database_));
@@ -349,7 +346,7 @@ class Runner {
 
   void finish() {
     sqlite3_set_authorizer(database_, nullptr, nullptr);
-    sqlite3_progress_handler(database_, 0, nullptr, nullptr);
+    *script_.looks = 0;
     if (sqlite3_get_autocommit(database_) == 0) {
       findings_.error(source_, beginLine_,
                       "the transaction that begins here is never committed: nothing of it reaches the table");
@@ -378,7 +375,6 @@ class Runner {
   std::size_t beginLine_ = 0;
   std::size_t tableLine_ = 0;
   std::size_t failures_ = 0;
-  int looks_ = 0;
   bool stopped_ = false;
 };
 

@@ -16,6 +16,9 @@ namespace check {
 
 /// What a database script makes, in memory.
 struct Script {
+  /// How much SQLite has worked on it; it stops when that is too much. Outlives the database.
+  std::shared_ptr<int> looks = std::make_shared<int>(0);
+
   std::shared_ptr<SQLite::Database> database;
 
   /// The line of each key that the script means to insert, also of those the table refuses.

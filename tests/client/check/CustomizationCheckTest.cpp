@@ -164,7 +164,7 @@ TEST_F(CustomizationCheckTest, doesNotMissAKeyWhoseRowIsReportedAlready) {
 /// Triggers that a script may leave in the table.
 class TriggerTest : public CheckTest, public testing::WithParamInterface<const char*> {};
 
-TEST_P(TriggerTest, cannotCrashTheCheck) {
+TEST_P(TriggerTest, cannotCrashOrStallTheCheck) {
   add("nvminit.sql",
       kScript + "CREATE TRIGGER t AFTER UPDATE ON settings BEGIN SELECT " + GetParam() + "; END;\n");
   add("Update. 5.json", R"({"key":"Audio.Volume","value":"6"})");
@@ -174,7 +174,9 @@ TEST_P(TriggerTest, cannotCrashTheCheck) {
 
 INSTANTIATE_TEST_SUITE_P(Actions, TriggerTest,
                          testing::Values("propctl_note('A', 1, 1, 1, 0)", "RAISE(ROLLBACK, 'no')",
-                                         "RAISE(ABORT, 'no')", "1; DELETE FROM settings"));
+                                         "RAISE(ABORT, 'no')", "1; DELETE FROM settings",
+                                         "(WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n) "
+                                         "SELECT max(i) FROM n)"));
 
 class WholeDocumentTest : public CheckTest, public testing::WithParamInterface<Case> {};
 
