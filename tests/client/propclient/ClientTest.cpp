@@ -369,10 +369,10 @@ TEST_F(ClientTest, takesNoLateAnswerForALaterRequest) {
   for (int i = 0; i < 3; ++i) {
     ASSERT_EQ(hasty.get("Audio.Volume").status, Status::noAnswer);
   }
-  client_.set("Audio.Volume", "7", Field::key, [](const auto&) {});
+  hasty.set("Audio.Volume", "7", Field::key, [](const auto&) {});
   resumeDaemon();
 
-  // The late answers are 5; those to these requests come after them.
+  // The late answers are 5.
   Answer<std::string> answer;
   ASSERT_TRUE(eventually([&] {
     answer = hasty.get("Audio.Volume");
