@@ -189,7 +189,9 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
   const Names columns = !chosen.empty() ? chosen
                                         : Names{text(column::kKey), text(column::kValue),
                                                 text(column::kDefaultValues), text(column::kFlags)};
-  std::vector<Columns> properties = listSorted(session, pattern, {}, Field::key);
+  Names needed = columns;
+  needed.insert(needed.end(), {text(column::kKey), text(column::kValue), text(column::kDefaultValues)});
+  std::vector<Columns> properties = listSorted(session, pattern, needed, Field::key);
   if (properties.empty()) {
     session.output().complain(escaped(pattern) + ": " + whyNot(pattern, Status::notFound));
     return ExitStatus::refused;

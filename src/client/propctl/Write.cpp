@@ -1,4 +1,6 @@
+#include <future>
 #include <map>
+#include <memory>
 
 #include "client/propctl/Commands.h"
 #include "client/propctl/Rules.h"
@@ -59,24 +61,32 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   return refused ? ExitStatus::refused : ExitStatus::done;
 }
 
-const char* nameColumn(Field field) {
-  switch (field) {
-    case Field::key:
-      return column::kKey.data();
-    case Field::web:
-      return column::kWebui.data();
-    case Field::provisioning:
-      return column::kProvisioning.data();
+/// All columns of each, by name; nothing for one that there is not. One request each, all under way at once:
+/// a reply with all properties may be larger than the broker lets pass.
+std::map<std::string, Columns> readProperties(Session& session, const std::vector<Assignment>& assignments,
+                                              Field field) {
+  using Answer = propclient::Answer<std::vector<Columns>>;
+  std::map<std::string, std::future<Answer>> answers;
+  for (const auto& [name, value] : assignments) {
+    if (isPattern(name)) {
+      continue;
+    }
+    const auto promise = std::make_shared<std::promise<Answer>>();
+    answers.emplace(name, promise->get_future());
+    session.client().list(name, {}, field, [promise](const Answer& answer) { promise->set_value(answer); });
   }
-  return "";
+  std::map<std::string, Columns> properties;
+  for (auto& [name, future] : answers) {
+    const Answer answer = session.answered(future.get());
+    if (answer.ok() && !answer.value.empty()) {
+      properties.emplace(name, answer.value.front());
+    }
+  }
+  return properties;
 }
 
 ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, Field field) {
-  std::map<std::string, Columns> properties;
-  const auto answer = session.answered(session.client().list("%", {}, field));
-  for (const Columns& property : answer.value) {
-    properties.emplace(columnOf(property, nameColumn(field)), property);
-  }
+  const std::map<std::string, Columns> properties = readProperties(session, assignments, field);
   std::size_t refused = 0;
   Json::Value outcomes(Json::objectValue);
   Output& output = session.output();
