@@ -134,7 +134,7 @@ class Device:
                 with connection, connection.makefile("rw") as line:
                     line.write(self._manage(*line.readline().split()))
 
-        # Of a thread that ends the processes would end with it: it never does.
+        # For good, since what a thread has started ends with it.
         threading.Thread(target=serve, daemon=True).start()
 
     def _manage(self, verb, *services):
