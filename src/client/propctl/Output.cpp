@@ -114,8 +114,13 @@ void Output::flush() {
     return;
   }
   if (errno == EPIPE) {
-    // Whoever read has had enough: end as any other program of a pipeline does.
+    // Whoever read has had enough: end as any other program of a pipeline does. The client's thread, where
+    // changes are printed, blocks all signals.
     std::signal(SIGPIPE, SIG_DFL);
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     std::raise(SIGPIPE);
   }
   throw Failure(ExitStatus::refused, std::string("cannot write the output: ") +

@@ -1,6 +1,3 @@
-#include <fstream>
-#include <iostream>
-#include <iterator>
 #include <map>
 
 #include "client/propctl/Commands.h"
@@ -60,18 +57,6 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
     session.throwNoAnswer();
   }
   return refused ? ExitStatus::refused : ExitStatus::done;
-}
-
-std::string readAll(const std::string& file) {
-  if (file == "-") {
-    return {std::istreambuf_iterator<char>(std::cin), {}};
-  }
-  std::ifstream stream(file, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (!stream.is_open() || stream.bad()) {
-    throw Failure(ExitStatus::refused, file + ": cannot be read");
-  }
-  return text;
 }
 
 const char* nameColumn(Field field) {
@@ -143,13 +128,12 @@ Values valuesMatching(Session& session, const std::string& name) {
 
 }  // namespace
 
-ExitStatus set(Session& session, const Names& arguments, Field field) {
+ExitStatus set(Session& session, const std::vector<Assignment>& assignments, Field field) {
   std::size_t written = 0;
-  return write(session, toAssignments(arguments), field, written);
+  return write(session, assignments, field, written);
 }
 
-ExitStatus load(Session& session, const std::string& file, Field field, bool dryRun) {
-  const std::vector<Assignment> assignments = readDump(readAll(file), file == "-" ? "standard input" : file);
+ExitStatus load(Session& session, const std::vector<Assignment>& assignments, Field field, bool dryRun) {
   if (dryRun) {
     return tryOut(session, assignments, field);
   }
