@@ -56,6 +56,8 @@ class Device:
         self._broker_log.touch()
         self._processes = {}
 
+        # Ordinary users may write in the overlay of /etc, but not in the folders that are root's.
+        subprocess.run(["mount", "-t", "tmpfs", "device", "/etc/mosquitto"], check=True)
         shutil.copytree(ROOT / "device/etc", "/etc", dirs_exist_ok=True)
         if files:
             for folder in ("/etc/propsrv.d", "/etc/nvm.conf.d"):
@@ -134,7 +136,7 @@ class Device:
                 with connection, connection.makefile("rw") as line:
                     line.write(self._manage(*line.readline().split()))
 
-        # Of a thread that ends the processes would end with it: it never does.
+        # For good, since what a thread has started ends with it.
         threading.Thread(target=serve, daemon=True).start()
 
     def _manage(self, verb, *services):
