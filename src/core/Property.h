@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <json/value.h>
 
@@ -47,20 +48,20 @@ class Property {
   void set(std::string_view column, Json::Value value);
   void remove(std::string_view column);
 
-  /// The whole object; null while there is no member.
-  Json::Value json() const { return json_; }
-
-  /// The same without a copy. Valid until this property changes.
-  const Json::Value& members() const { return json_; }
+  /// The whole object; null while there has been no member.
+  Json::Value json() const;
 
   Status status() const { return status_; }
   void setStatus(Status status) { status_ = status; }
 
   /// Compares the members by name, type and value; the status takes no part.
-  bool operator==(const Property& other) const { return json_ == other.json_; }
+  bool operator==(const Property& other) const { return json() == other.json(); }
 
  private:
-  Json::Value json_;
+  using Member = std::pair<std::string, Json::Value>;
+
+  std::vector<Member> members_;  ///< A dozen at most: to go through them is faster than to walk a tree.
+  bool isObject_ = false;
   Status status_ = Status::Ok;
 };
 

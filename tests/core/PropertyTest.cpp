@@ -139,6 +139,23 @@ TEST(Property, losesARemovedMember) {
   EXPECT_FALSE(property.json().isMember("value"));
 }
 
+TEST(Property, staysAnObjectWithoutItsLastMember) {
+  Property property({{"key", "A"}});
+
+  property.remove(column::kKey);
+
+  EXPECT_EQ(property.json(), Json::Value(Json::objectValue));
+}
+
+TEST(Property, keepsTheMembersOfTheObjectItIsBuiltFrom) {
+  Json::Value object;
+  object["key"] = "A";
+  object["flags"] = 3;
+  object["remark"] = "no column";
+
+  EXPECT_EQ(Property::fromJson(object).json(), object);
+}
+
 TEST(Property, hasNoMembersWhenBuiltFromAnythingButAnObject) {
   EXPECT_TRUE(Property::fromJson(Json::Value(Json::arrayValue)).json().isNull());
   EXPECT_TRUE(Property::fromJson(Json::Value("text")).json().isNull());
