@@ -26,7 +26,7 @@ void appendWritten(std::string& text, const Json::Value& value) {
 
 void appendQuoted(std::string& text, std::string_view value) {
   if (std::all_of(value.begin(), value.end(), isPlain)) {
-    text.append("\"").append(value).append("\"");
+    text.append(1, '"').append(value).append(1, '"');
   } else {
     appendWritten(text, Json::Value(value.data(), value.data() + value.size()));
   }
@@ -39,7 +39,7 @@ bool parse(const std::string& text, Json::Value& value) {
   constexpr bool kCollectComments = false;
 
   try {
-    return Json::Reader().parse(text, value, kCollectComments);
+    return Json::Reader().parse(text.data(), text.data() + text.size(), value, kCollectComments);
   } catch (const Json::Exception&) {
     return false;
   }
