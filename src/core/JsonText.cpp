@@ -38,8 +38,11 @@ bool parse(const std::string& text, Json::Value& value) {
   // Collecting comments is quadratic in their number.
   constexpr bool kCollectComments = false;
 
+  // To make one costs a tenth of reading a request.
+  thread_local Json::Reader reader;
+
   try {
-    return Json::Reader().parse(text.data(), text.data() + text.size(), value, kCollectComments);
+    return reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
   } catch (const Json::Exception&) {
     return false;
   }
