@@ -69,8 +69,14 @@ ObjectText& ObjectText::add(std::string_view name, const Json::Value& value) {
   return *this;
 }
 
+ObjectText& ObjectText::addWritten(std::string_view name, std::string_view json) {
+  beginMember(name);
+  text_ += json;
+  return *this;
+}
+
 std::string ObjectText::finish() {
-  text_ += "}\n";
+  text_ += text_.empty() ? "{}\n" : "}\n";
   return std::move(text_);
 }
 

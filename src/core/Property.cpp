@@ -46,15 +46,22 @@ const Json::Value& Property::member(std::string_view column) const {
 
 void Property::set(std::string_view column, Json::Value value) {
   isObject_ = true;
-  if (const auto found = std::ranges::find(members_, column, &Member::first); found != members_.end()) {
-    found->second = std::move(value);
+  const auto place = std::ranges::lower_bound(members_, column, {}, &Member::first);
+  if (place != members_.end() && place->first == column) {
+    place->second = std::move(value);
   } else {
-    members_.emplace_back(column, std::move(value));
+    members_.emplace(place, column, std::move(value));
   }
 }
 
 void Property::remove(std::string_view column) {
   std::erase_if(members_, [column](const Member& member) { return member.first == column; });
+}
+
+void Property::keepOnly(const std::vector<std::string>& columns) {
+  std::erase_if(members_, [&columns](const Member& member) {
+    return std::find(columns.begin(), columns.end(), member.first) == columns.end();
+  });
 }
 
 Json::Value Property::json() const {

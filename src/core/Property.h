@@ -23,6 +23,7 @@ namespace propertyservice {
 class Property {
  public:
   using Columns = std::initializer_list<std::pair<std::string_view, std::string>>;
+  using Member = std::pair<std::string, Json::Value>;
 
   /// No member, JSON null, status `Ok`.
   Property() = default;
@@ -46,10 +47,17 @@ class Property {
   std::string text(std::string_view column) const { return member(column).asString(); }
 
   void set(std::string_view column, Json::Value value);
+  void reserve(std::size_t members) { members_.reserve(members); }
   void remove(std::string_view column);
+
+  /// Removes all members but those that are named.
+  void keepOnly(const std::vector<std::string>& columns);
 
   /// The whole object; null while there has been no member.
   Json::Value json() const;
+
+  /// The members in the ascending order of their names. Valid until this property changes.
+  const std::vector<Member>& members() const { return members_; }
 
   Status status() const { return status_; }
   void setStatus(Status status) { status_ = status; }
@@ -58,8 +66,6 @@ class Property {
   bool operator==(const Property& other) const { return json() == other.json(); }
 
  private:
-  using Member = std::pair<std::string, Json::Value>;
-
   std::vector<Member> members_;  ///< A dozen at most: to go through them is faster than to walk a tree.
   bool isObject_ = false;
   Status status_ = Status::Ok;
