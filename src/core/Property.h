@@ -47,6 +47,8 @@ class Property {
   std::string text(std::string_view column) const { return member(column).asString(); }
 
   void set(std::string_view column, Json::Value value);
+
+  /// Makes room for so many members, so that they need not be moved as they become more.
   void reserve(std::size_t members) { members_.reserve(members); }
   void remove(std::string_view column);
 

@@ -97,6 +97,10 @@ std::int64_t integerOf(const Json::Value& member) {
   return member.isInt64() ? member.asInt64() : toInteger(member.asString());
 }
 
+bool isText(std::string_view column) {
+  return std::ranges::find(column::kText, column) != column::kText.end();
+}
+
 void bind(SQLite::Statement& statement, const Property& property) {
   for (const auto& [column, parameter] : kTextParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
@@ -110,46 +114,50 @@ void bind(SQLite::Statement& statement, const Property& property) {
   }
 }
 
+/// Of a row that has an alias or two and a rule or two.
+constexpr std::size_t kUsualMembers = 8;
+
 /// Reads the rows of a statement that selects all columns.
 class RowReader {
  public:
   explicit RowReader(const SQLite::Statement& statement) : statement_(statement) {
-    for (std::size_t i = 0; i < column::kText.size(); ++i) {
-      textIndexes_[i] = statement.getColumnIndex(column::kText[i].data());
+    for (const std::string_view column : column::kAll) {
+      cells_.push_back({column, isText(column), statement.getColumnIndex(column.data())});
     }
-    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
-      integerIndexes_[i] = statement.getColumnIndex(column::kInteger[i].data());
-    }
+    // In the order of the members of a property, so that each is added behind the one before.
+    std::ranges::sort(cells_, {}, &Cell::column);
   }
 
   void read(Property& property) const {
-    for (std::size_t i = 0; i < column::kText.size(); ++i) {
-      const SQLite::Column cell = statement_.getColumn(textIndexes_[i]);
-      if (!cell.isNull()) {
-        const char* const text = cell.getText();
-        property.set(column::kText[i], Json::Value(text, text + cell.getBytes()));
-      } else if (column::kText[i] == column::kValue) {
-        property.set(column::kValue, "");
-      }
-    }
-    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
-      const SQLite::Column cell = statement_.getColumn(integerIndexes_[i]);
-      if (!cell.isNull()) {
-        property.set(column::kInteger[i], Json::Int64{cell.getInt64()});
+    property.reserve(kUsualMembers);
+    for (const auto& [column, isText, index] : cells_) {
+      const SQLite::Column cell = statement_.getColumn(index);
+      if (!isText) {
+        if (!cell.isNull()) {
+          property.set(column, Json::Int64{cell.getInt64()});
+        }
+      } else if (const char* const text = cell.getText(nullptr)) {
+        property.set(column, Json::Value(text, text + cell.getBytes()));
+      } else if (column == column::kValue) {
+        property.set(column, "");
       }
     }
   }
 
  private:
+  struct Cell {
+    std::string_view column;
+    bool isText;
+    int index;
+  };
+
   const SQLite::Statement& statement_;
-  std::array<int, column::kText.size()> textIndexes_;
-  std::array<int, column::kInteger.size()> integerIndexes_;
+  std::vector<Cell> cells_;
 };
 
 /// What `member` is once it has been written to that column and read back.
 Json::Value asStored(std::string_view column, const Json::Value& member) {
-  const bool isText = std::find(column::kText.begin(), column::kText.end(), column) != column::kText.end();
-  return isText ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
+  return isText(column) ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
 }
 
 /// Takes over the members that `property` carries; false when the row holds them all already.
