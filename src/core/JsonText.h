@@ -20,6 +20,8 @@ std::string write(const Json::Value& value);
 /// REQUIRES: members come in the ascending order of their names.
 class ObjectText {
  public:
+  ObjectText() { text_.reserve(kUsualBytes); }
+
   ObjectText& addText(std::string_view name, std::string_view text);
   ObjectText& add(std::string_view name, const Json::Value& value);
 
@@ -30,6 +32,8 @@ class ObjectText {
   std::string finish();
 
  private:
+  static constexpr std::size_t kUsualBytes = 128;
+
   void beginMember(std::string_view name);
 
   std::string text_;
