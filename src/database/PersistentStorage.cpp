@@ -195,14 +195,25 @@ std::string batchStatement(std::size_t size) {
   return statement.str();
 }
 
+/// Binds the text of the member itself where it can, which has to stay as it is until the statement has run.
+void bindText(SQLite::Statement& statement, int parameter, const Json::Value& member) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (member.getString(&begin, &end) && std::find(begin, end, '\0') == end) {
+    statement.bindNoCopy(parameter, begin);
+  } else {
+    statement.bind(parameter, member.asString());
+  }
+}
+
 void writeValues(SQLite::Statement& statement, const std::vector<Property>& batch) {
   // Bound by position, which is the order of first appearance: SQLite looks a name up by comparing it with
   // all of them.
   int parameter = 0;
   for (const Property& property : batch) {
     const Json::Value& key = property.member(column::kKey);
-    statement.bind(++parameter, key.asString());
-    statement.bind(++parameter, property.text(column::kValue));
+    bindText(statement, ++parameter, key);
+    bindText(statement, ++parameter, property.member(column::kValue));
     logger().debug() << "Applying updated values for parameter: " << [&] { return json::write(key); };
   }
   statement.exec();
