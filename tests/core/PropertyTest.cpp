@@ -139,6 +139,25 @@ TEST(Property, losesARemovedMember) {
   EXPECT_FALSE(property.json().isMember("value"));
 }
 
+TEST(Property, keepsOnlyTheNamedMembers) {
+  Property property({{"key", "A"}, {"value", "x"}, {"flags", "1"}});
+
+  property.keepOnly({"value", "webui"});
+
+  EXPECT_EQ(property, Property({{"value", "x"}}));
+}
+
+TEST(Property, listsItsMembersInTheOrderOfTheirNames) {
+  const Property property({{"value", "x"}, {"key", "A"}, {"webui", "W"}, {"flags", "1"}});
+
+  std::vector<std::string> names;
+  for (const auto& [name, value] : property.members()) {
+    names.push_back(name);
+  }
+
+  EXPECT_EQ(names, (std::vector<std::string>{"flags", "key", "value", "webui"}));
+}
+
 TEST(Property, staysAnObjectWithoutItsLastMember) {
   Property property({{"key", "A"}});
 
