@@ -15,8 +15,8 @@ constexpr const char* kRequestMark = "request on ";
 
 const std::string kSource = SOURCE_DIRECTORY;
 
-void runIn(const std::string& directory, const std::string& variables, const std::string& command) {
-  run({"sh", "-c", "cd " + directory + " && " + variables + " && " + command});
+std::string runIn(const std::string& directory, const std::string& variables, const std::string& command) {
+  return run({"sh", "-c", "cd " + directory + " && " + variables + " && " + command});
 }
 
 /// An installed configuration for a test: the broker stays root in its own namespace, and logs to the test.
@@ -79,9 +79,16 @@ Certificate Authorities::issue(const std::string& kind, const std::string& varia
     runIn(directory_.path(), variable + "=" + name, command);
   }
   const Certificate certificate = {path("centre-ca.crt"), path(name + ".crt"), path(name + ".key")};
-  std::filesystem::rename(path(kind + ".crt"), certificate.certificate);
-  std::filesystem::rename(path(kind + ".key"), certificate.key);
+  for (const std::string part : {".crt", ".key"}) {
+    std::filesystem::copy_file(path(kind + part), path(name + part),
+                               std::filesystem::copy_options::overwrite_existing);
+  }
   return certificate;
+}
+
+std::string Authorities::runDocumented(const std::string& program, const std::string& variables) const {
+  return runIn(directory_.path(), std::string("centre=") + Centre::kAddress + " " + variables,
+               documentedCommands("docs/fleet.md", program).front());
 }
 
 Centre::Centre(const Authorities& authorities) : host_("centre") {

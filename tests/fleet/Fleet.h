@@ -21,6 +21,9 @@ class Authorities {
 
   std::string path(const std::string& file) const { return directory_.path(file); }
 
+  /// Runs the documented command of `program` where the certificates are; its output.
+  std::string runDocumented(const std::string& program, const std::string& variables) const;
+
  private:
   Certificate issue(const std::string& kind, const std::string& variable, const std::string& name);
 

@@ -86,6 +86,11 @@ TEST_F(Fleet, answersAControllerFromEachDevice) {
   }
 }
 
+TEST_F(Fleet, answersTheDocumentedCommand) {
+  EXPECT_EQ(authorities_.runDocumented("mosquitto_rr", "controller=fleet serial=HX-0001"),
+            "{\"param\":\"Audio.Volume\",\"result\":\"5\",\"status\":\"Ok\"}\n\n");
+}
+
 TEST_F(Fleet, reachesTheDeviceThatIsAskedAlone) {
   ASSERT_EQ(fleet_->request(device(2).serial(), setVolume("9"))["status"], "Ok");
 
@@ -286,9 +291,9 @@ TEST_F(Fleet, listsAllDevicesBeforeTheMark) {
 TEST_F(Fleet, forgetsADeviceThatIsGoneForGood) {
   device(3).stopBroker();
   ASSERT_TRUE(isOffline(device(3)));
-  CentralClient registry("registry", Centre::kControllers, authorities_.issueController("registry"));
+  authorities_.issueController("registry");
 
-  registry.publish("devices/HX-0003/online", "", true);
+  authorities_.runDocumented("mosquitto_pub", "serial=HX-0003");
   const auto support = controller("support");
   support->settle();
 
@@ -371,9 +376,10 @@ TEST_F(BrokenLink, bringsALateAnswerAndLateNotificationsButNoLateRequest) {
   EXPECT_EQ(device(3).valueOf("Audio.Volume"), "5");
 }
 
-/// After how many milliseconds each device's link breaks: FLEET_CUTS_MS="0 10 200" tries others.
+/// How many milliseconds after the request each device's link breaks, -1 for before it: FLEET_CUTS_MS="-1 10
+/// 200" tries others.
 std::array<int, 3> cutsMs() {
-  std::array<int, 3> cuts = {0, 2, 5};
+  std::array<int, 3> cuts = {-1, 0, 5};
   if (const char* given = std::getenv("FLEET_CUTS_MS")) {
     std::istringstream numbers(given);
     numbers >> cuts[0] >> cuts[1] >> cuts[2];
@@ -383,9 +389,16 @@ std::array<int, 3> cutsMs() {
 
 TEST_F(BrokenLink, answersExactlyWhatWasServedWheneverItBreaks) {
   for (std::size_t i = 0; i < devices_.size(); ++i) {
-    fleet_->ask(devices_[i]->serial(), setVolume("9"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(cutsMs()[i]));
-    devices_[i]->link().down();
+    const FleetDevice& device = *devices_[i];
+    const int cut = cutsMs()[i];
+    if (cut < 0) {
+      device.link().down();
+    }
+    fleet_->ask(device.serial(), setVolume("9"));
+    if (cut >= 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(cut));
+      device.link().down();
+    }
   }
   for (const auto& device : devices_) {
     ASSERT_TRUE(isOffline(*device));
