@@ -38,7 +38,7 @@ DatabaseBackup::DatabaseBackup(std::shared_ptr<IDatabaseService> database, Devic
     : database_(std::move(database)), paths_(std::move(paths)) {}
 
 Status DatabaseBackup::makeBackup(const Json::Value& request) {
-  const bool allSettings = request["allSettings"] == Json::Value(true);
+  const bool allSettings = request[method::kAllSettings] == Json::Value(true);
   return exportSettings(allSettings ? kAllSettingsMask : kUserMask, backupPath(kUserBackup), kKeyAndValue);
 }
 

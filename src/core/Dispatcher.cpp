@@ -12,6 +12,7 @@
 #include "core/Replies.h"
 #include "core/ServiceName.h"
 #include "ipc/IPCException.h"
+#include "wire/Names.h"
 
 namespace propertyservice {
 
@@ -53,30 +54,32 @@ Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<
       database_(std::move(database)),
       backup_(std::move(backup)),
       messenger_(std::move(messenger)) {
-  handlers_["getV"] = [this](const Json::Value& request) { return getValue(request); };
-  handlers_["setV"] = [this](const Json::Value& request) { return setValue(request); };
-  handlers_["getColsL"] = [this](const Json::Value& request) { return getColumns(request); };
-  handlers_["setVList"] = [this](const Json::Value& request) { return setList(request); };
-  handlers_["resetVal"] = [this](const Json::Value& request) { return reset(request); };
-  handlers_["getProvDump"] = [this](const Json::Value&) { return getProvisioningDump(); };
-  handlers_["makeBackup"] = [this](const Json::Value& request) {
+  handlers_[method::kGetValue] = [this](const Json::Value& request) { return getValue(request); };
+  handlers_[method::kSetValue] = [this](const Json::Value& request) { return setValue(request); };
+  handlers_[method::kGetColumns] = [this](const Json::Value& request) { return getColumns(request); };
+  handlers_[method::kSetList] = [this](const Json::Value& request) { return setList(request); };
+  handlers_[method::kReset] = [this](const Json::Value& request) { return reset(request); };
+  handlers_[method::kProvisioningDump] = [this](const Json::Value&) { return getProvisioningDump(); };
+  handlers_[method::kMakeBackup] = [this](const Json::Value& request) {
     return reply::withStatus(backup_->makeBackup(request));
   };
-  handlers_["prepareVersionChange"] = [this](const Json::Value&) {
+  handlers_[method::kPrepareVersionChange] = [this](const Json::Value&) {
     return reply::withStatus(backup_->prepareVersionChange());
   };
-  handlers_["prepareFactoryReset"] = [this](const Json::Value&) {
+  handlers_[method::kPrepareFactoryReset] = [this](const Json::Value&) {
     return reply::withStatus(backup_->prepareFactoryReset());
   };
-  handlers_["makeSysdump"] = [this](const Json::Value&) { return reply::withStatus(backup_->makeSysdump()); };
-  handlers_["restore"] = [this](const Json::Value&) { return restore(); };
+  handlers_[method::kMakeSysdump] = [this](const Json::Value&) {
+    return reply::withStatus(backup_->makeSysdump());
+  };
+  handlers_[method::kRestore] = [this](const Json::Value&) { return restore(); };
 }
 
 void Dispatcher::run() {
   constexpr int kKeepSession = 0;
   constexpr int kGreatestQos = 2;
   try {
-    client_->subscribe(std::string("+/") + kServiceName, this);
+    client_->subscribe(topic::request("+"), this);
     client_->connect(kKeepSession, kGreatestQos, kBusHost);
     waitForShutdown();
     client_->disconnect();
@@ -115,15 +118,13 @@ void Dispatcher::waitForShutdown() {
 }
 
 std::string Dispatcher::answer(const Json::Value& request) {
-  static const Json::Value kLivenessQuestion = "Are you alive?";
-
   const Json::Value& name = request[PROPERTY_METHOD];
   if (const auto handler = handlers_.find(name); handler != handlers_.end()) {
     return handler->second(request);
   }
   if (request[PROPERTY_PARAM] == kLivenessQuestion) {
     Json::Value alive;
-    alive[PROPERTY_PARAM] = "Ok";
+    alive[PROPERTY_PARAM] = kLivenessAnswer;
     return json::write(alive);
   }
   logger().error() << "Unknown request: " << [&] { return excerpt(json::write(name)); };

@@ -1,13 +1,12 @@
 #include "core/Messenger.h"
 
-#include <algorithm>
 #include <exception>
 
 #include "common/JSONDefinitions.h"
 #include "core/Constants.h"
 #include "core/JsonText.h"
 #include "core/Log.h"
-#include "core/ServiceName.h"
+#include "wire/Names.h"
 
 namespace propertyservice {
 
@@ -16,17 +15,6 @@ using namespace common::JSONDefinitions;
 namespace {
 
 constexpr std::uint32_t kWorkerTimeoutMs = 1000;
-
-std::string topicOf(const std::string& group) {
-  return std::string(kServiceName) + '-' + group + "/any";
-}
-
-std::string toLowerAscii(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](char byte) {
-    return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte;
-  });
-  return text;
-}
 
 }  // namespace
 
@@ -43,11 +31,11 @@ std::pair<std::string, Json::Value> Messenger::notify(Property& property, bool a
 
   const Json::Value& value = property.member(column::kValue);
   std::string key = property.text(column::kKey);
-  if (const std::size_t dot = key.find('.'); dot != std::string::npos) {
-    publishGroup(toLowerAscii(key.substr(0, dot)), json::ObjectText()
-                                                       .add(PROPERTY_PARAM, property.member(column::kKey))
-                                                       .add(PROPERTY_VALUE, value)
-                                                       .finish());
+  if (const auto group = groupOf(key)) {
+    publishGroup(*group, json::ObjectText()
+                             .add(PROPERTY_PARAM, property.member(column::kKey))
+                             .add(PROPERTY_VALUE, value)
+                             .finish());
   } else {
     logger().error() << "Wrong key: " << excerpt(key);
   }
@@ -72,11 +60,11 @@ void Messenger::notifyList(std::vector<Property>& properties) {
 }
 
 void Messenger::publishGroup(const std::string& group, const std::string& payload) {
-  queue_->push({topicOf(group), payload});
+  queue_->push({topic::changes(group), payload});
 }
 
 void Messenger::publishAll(const std::string& payload) {
-  static const std::string kTopic = topicOf("groupnotify");
+  static const std::string kTopic = topic::changes(topic::kAllGroups);
   queue_->push({kTopic, payload});
 }
 

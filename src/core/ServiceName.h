@@ -1,9 +1,8 @@
 #pragma once
 
-namespace propertyservice {
+#include "wire/Names.h"
 
-/// The daemon's client name on the bus, and the root of every topic it serves or publishes on.
-inline constexpr char kServiceName[] = "prop-service";
+namespace propertyservice {
 
 /// Where the broker of the bus runs.
 inline constexpr char kBusHost[] = "localhost";

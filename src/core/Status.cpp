@@ -2,21 +2,23 @@
 
 #include <map>
 
+#include "wire/Names.h"
+
 namespace propertyservice {
 
 namespace {
 
 const std::map<Status, std::string_view> kTexts = {
-    {Status::Ok, "Ok"},
-    {Status::NotFound, "NotFound"},
-    {Status::RegExpError, "RegExpError"},
-    {Status::ValueError, "ValueError"},
-    {Status::ValueOutOfBounds, "ValueOutOfBounds"},
-    {Status::ReadOnly, "ReadOnly"},
-    {Status::Changed, "Ok"},
-    {Status::Unchanged, "Ok"},
-    {Status::DBError, "DBError"},
-    {Status::InvalidRequest, "InvalidRequest"},
+    {Status::Ok, statustext::kOk},
+    {Status::NotFound, statustext::kNotFound},
+    {Status::RegExpError, statustext::kRegExpError},
+    {Status::ValueError, statustext::kValueError},
+    {Status::ValueOutOfBounds, statustext::kValueOutOfBounds},
+    {Status::ReadOnly, statustext::kReadOnly},
+    {Status::Changed, statustext::kOk},
+    {Status::Unchanged, statustext::kOk},
+    {Status::DBError, statustext::kDbError},
+    {Status::InvalidRequest, statustext::kInvalidRequest},
 };
 
 }  // namespace

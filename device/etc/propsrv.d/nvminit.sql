@@ -2,7 +2,7 @@
 -- shell run this script when the database file is missing or is to be built anew.
 --
 -- One row is one property. What its columns mean, the bits of `flags` and the rules a value has to obey are described
--- in docs/formats.md. NULL stands where a column does not apply. No value or default holds ";" or a line break: a
+-- in propsrv-files(5). NULL stands where a column does not apply. No value or default holds ";" or a line break: a
 -- backup could not be read back. A new default is in force on new databases only.
 --
 -- A key that is renamed or removed needs NVM.Version raised and a migration file of that number.

@@ -61,9 +61,9 @@ class ConnectionError : public std::runtime_error {
 };
 
 struct Tls {
-  std::string caFile;           ///< Whom to trust, PEM.
-  std::string certificateFile;  ///< What to prove oneself with, PEM; empty: nothing.
-  std::string keyFile;
+  std::string caFile{};           ///< Whom to trust, PEM; empty: those whom the system trusts.
+  std::string certificateFile{};  ///< What to prove oneself with, PEM; empty: nothing.
+  std::string keyFile{};
 };
 
 struct Options {
@@ -72,15 +72,15 @@ struct Options {
 
   /// The sender: one topic level that no other program on the broker uses. Empty: `user`, or without that a
   /// name of this client's own.
-  std::string name;
+  std::string name{};
 
-  std::string user;  ///< Empty: no authentication.
-  std::string password;
-  std::optional<Tls> tls;
+  std::string user{};  ///< Empty: no authentication.
+  std::string password{};
+  std::optional<Tls> tls{};
 
   /// Reaches the device with this serial number through a central broker ("devices/SERIAL/" before every
   /// topic); empty: the device at the broker itself.
-  std::string device;
+  std::string device{};
 
   std::chrono::milliseconds timeout{5000};  ///< For `connect` and for each answer.
 };
@@ -90,9 +90,11 @@ struct Options {
 /// Every request has two forms. The blocking one returns the answer, at the latest after the time-out. The
 /// one with a callback returns at once and has the callback called exactly once, on the client's own thread:
 /// with the answer, or with `noAnswer`. Any thread may call either; requests are served in the order of the
-/// calls. A blocking form called from a callback throws `std::logic_error`, since it would wait for itself.
+/// calls. A blocking form called from a callback throws `std::logic_error`, since it would wait for itself;
+/// so do `connect` and `watch`. A callback must not throw, and while it runs no other is called.
 ///
-/// A connection that breaks comes back by itself. What was asked and not answered then ends with `noAnswer`.
+/// A connection that breaks comes back by itself. What was asked and not answered then ends with `noAnswer`;
+/// what is asked meanwhile waits for it, as long as the time-out allows.
 class Client {
  public:
   template <typename T>
@@ -103,7 +105,8 @@ class Client {
   /// level.
   explicit Client(Options options);
 
-  /// Ends what is outstanding with `noAnswer` and disconnects. Not from a callback.
+  /// Ends what is outstanding with `noAnswer` and disconnects. Not from a callback. What the callbacks ask
+  /// meanwhile is dropped.
   ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
@@ -168,8 +171,11 @@ class Client {
   /// key before the first ".", in any case), of all properties where `groups` is empty. After a loss of the
   /// connection what is watched is read again, and what changed meanwhile is told as any other change.
   /// Returns once the broker has accepted the subscriptions and the present values are read; throws
-  /// `ConnectionError` where it does not. One watch at a time: a second one takes the place of the first.
+  /// `ConnectionError` where it does not, and `std::invalid_argument` for a group that is no part of a topic.
+  /// One watch at a time: a second one takes the place of the first.
   void watch(const std::vector<std::string>& groups, std::function<void(const Change&)> callback);
+
+  /// When it has returned, the callback of `watch` is not called any more. A callback may call it, too.
   void unwatch();
 
  private:

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <string>
+
+#include "propclient/Clock.h"
+#include "propclient/Request.h"
+
+namespace propclient {
+
+/// Which reply answers which request. Replies carry no number, but those to one sender come in the order of
+/// its requests, so each is the reply to the first outstanding request that it fits, and requests before that
+/// one will never be answered.
+///
+/// That holds as long as no reply to something forgotten is under way. After a request that was given up, on
+/// a new connection, and after a reply that fitted nothing, the next request therefore goes behind a marker:
+/// a request whose reply is like no other. Until that reply is here no request behind the marker takes one.
+///
+/// For one thread alone. Callbacks run within these calls; a callback may call `ask`.
+class Conversation {
+ public:
+  /// So many requests are sent ahead of their replies; others wait here. More would wait at the broker, which
+  /// drops what is too much without a word.
+  static constexpr std::size_t kMostUnanswered = 20;
+
+  /// What waits beyond it is given up at once.
+  static constexpr std::size_t kMostBytes = 64U << 20;
+
+  /// The daemon does not answer a longer request.
+  static constexpr std::size_t kLongestText = 1U << 20;
+
+  /// `send` hands a text to the broker. `uniqueText` is no part of any key, and nobody else's.
+  Conversation(std::function<void(const std::string& text)> send, std::string uniqueText);
+
+  /// What is asked is sent, or waits for a connection that was lost to come back; before the first one it is
+  /// given up at once.
+  void ask(Request request, Clock::time_point deadline);
+
+  void opened();
+
+  /// Gives up all that is outstanding.
+  void lost();
+
+  void received(const std::string& text);
+
+  /// Gives up what has no answer by `now`.
+  void keepTime(Clock::time_point now);
+
+  /// When to call `keepTime`, where there is anything to give up.
+  Deadline nextDeadline() const;
+
+ private:
+  struct Waiting {
+    Request request;
+    Clock::time_point deadline;
+  };
+
+  struct Sent {
+    enum class Kind { request, forgotten, marker };
+
+    Kind kind;
+    Request request;
+    Clock::time_point deadline;
+  };
+
+  using Deliveries = std::deque<Delivery>;
+
+  void send();
+  void sendMarker();
+  void forgetBeforeMarker();
+  void giveUp(Sent& sent, Deliveries& deliveries);
+
+  const std::function<void(const std::string&)> send_;
+  const std::string uniqueText_;
+  std::uint64_t markers_ = 0;
+
+  bool wasOpened_ = false;
+  bool open_ = false;
+  bool doubtful_ = false;  ///< A reply to something forgotten may be under way.
+  std::deque<Sent> sent_;
+  std::size_t unanswered_ = 0;  ///< Of `sent_`: requests that somebody waits for.
+  std::deque<Waiting> waiting_;
+  std::size_t waitingBytes_ = 0;
+};
+
+}  // namespace propclient

@@ -1,0 +1,113 @@
+#include "propclient/Session.h"
+
+#include <utility>
+
+#include "wire/Names.h"
+
+namespace propclient {
+
+namespace topic = propertyservice::topic;
+
+Topics::Topics(const std::string& sender, const std::string& device)
+    : prefix(device.empty() ? std::string() : propertyservice::topic::devicePrefix(device)),
+      requests(prefix + topic::request(sender)),
+      replies(prefix + topic::reply(sender)) {}
+
+std::string Topics::changes(const std::string& group) const {
+  return prefix + topic::changes(group);
+}
+
+Session::Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText)
+    : topics_(std::move(topics)),
+      transport_(transport),
+      timeout_(timeout),
+      conversation_([this](const std::string& text) { transport_.publish(topics_.requests, text); },
+                    uniqueText) {
+  transport_.subscribe({topics_.replies});
+}
+
+void Session::watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done) {
+  unwatch();
+  watchDone_ = std::move(done);
+  watch_ = std::make_shared<Watch>(
+      std::move(groups), std::move(tell), [this](Request request) { ask(std::move(request), Clock::now()); },
+      [this] { watchIsDone(std::nullopt); });
+  if (!wasOpened_) {
+    watchIsDone("not connected");
+    watch_.reset();
+    return;
+  }
+  transport_.subscribe(watchedTopics());
+}
+
+void Session::unwatch() {
+  if (const auto watch = watch_) {
+    transport_.unsubscribe(watchedTopics());
+    watch->stop();
+    watch_.reset();
+    watchIsDone("given up");
+  }
+}
+
+void Session::opened() {
+  wasOpened_ = true;
+  conversation_.opened();
+  if (const auto watch = watch_) {
+    watch->opened();
+  }
+}
+
+void Session::lost() {
+  if (const auto watch = watch_) {
+    watch->lost();
+  }
+  conversation_.lost();
+}
+
+void Session::subscribed(const std::optional<std::string>& refused) {
+  const auto watch = watch_;
+  if (!watch || !watchDone_) {
+    return;
+  }
+  if (refused) {
+    watchIsDone("the broker refuses the subscription to " + *refused);
+    unwatch();
+  } else {
+    watch->opened();
+  }
+}
+
+void Session::received(const std::string& topic, const std::string& payload) {
+  if (topic == topics_.replies) {
+    conversation_.received(payload);
+  } else if (const auto watch = watch_) {
+    watch->announced(payload, topic == topics_.changes(topic::kAllGroups));
+  }
+}
+
+void Session::keepTime(Clock::time_point now) {
+  conversation_.keepTime(now);
+  if (const auto watch = watch_) {
+    watch->keepTime(now);
+  }
+}
+
+Deadline Session::nextDeadline() const {
+  return earlier(conversation_.nextDeadline(), watch_ ? watch_->nextDeadline() : std::nullopt);
+}
+
+std::vector<std::string> Session::watchedTopics() const {
+  std::vector<std::string> topics;
+  for (const std::string& group : watch_->announcements()) {
+    topics.push_back(topics_.changes(group));
+  }
+  return topics;
+}
+
+void Session::watchIsDone(const std::optional<std::string>& failure) {
+  if (const Done done = std::exchange(watchDone_, nullptr)) {
+    done(failure);
+  }
+}
+
+}  // namespace propclient

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "propclient/Conversation.h"
+#include "propclient/Transport.h"
+#include "propclient/Watch.h"
+
+namespace propclient {
+
+/// The topics of one sender, at the device itself or through a central broker.
+struct Topics {
+  Topics(const std::string& sender, const std::string& device);
+
+  std::string changes(const std::string& group) const;
+
+  std::string prefix;
+  std::string requests;
+  std::string replies;
+};
+
+/// What is asked, answered and watched over one transport. For one thread alone.
+class Session {
+ public:
+  using Done = std::function<void(const std::optional<std::string>& failure)>;
+
+  Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText);
+
+  void ask(Request request, Clock::time_point asked) {
+    conversation_.ask(std::move(request), asked + timeout_);
+  }
+
+  /// Takes the place of another watch. `done` is called once: when the present values are known, or with what
+  /// keeps them from it.
+  void watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done);
+  void unwatch();
+
+  // As of `TransportListener`.
+  void opened();
+  void lost();
+  void subscribed(const std::optional<std::string>& refused);
+  void received(const std::string& topic, const std::string& payload);
+
+  void keepTime(Clock::time_point now);
+  Deadline nextDeadline() const;
+
+ private:
+  std::vector<std::string> watchedTopics() const;
+  void watchIsDone(const std::optional<std::string>& failure);
+
+  const Topics topics_;
+  Transport& transport_;
+  const Clock::duration timeout_;
+  Conversation conversation_;
+  bool wasOpened_ = false;
+  std::shared_ptr<Watch> watch_;
+  Done watchDone_;  ///< Of `watch_`, until it is called.
+};
+
+}  // namespace propclient

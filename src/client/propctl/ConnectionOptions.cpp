@@ -1,0 +1,68 @@
+#include "client/propctl/ConnectionOptions.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sys/stat.h>
+
+#include "client/propctl/ExitStatus.h"
+
+namespace propctl {
+
+namespace {
+
+constexpr std::uint16_t kPort = 1883;
+constexpr std::uint16_t kTlsPort = 8883;
+
+/// The user on the first line and the password on the second, as in a device's credentials files; a file of
+/// one line is the password of the user given.
+void readPasswordFile(const std::string& path, propclient::Options& options) {
+  struct stat file {};
+  if (stat(path.c_str(), &file) != 0) {
+    throw Failure(ExitStatus::usage, path + ": " + std::strerror(errno));
+  }
+  if (!S_ISREG(file.st_mode) || (file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+    throw Failure(ExitStatus::usage, path + ": must be a file that only its owner may read: chmod 600");
+  }
+  std::ifstream lines(path);
+  std::string first;
+  std::string second;
+  if (!std::getline(lines, first) || first.empty()) {
+    throw Failure(ExitStatus::usage, path + ": holds no password");
+  }
+  if (!std::getline(lines, second)) {
+    options.password = first;
+    if (options.user.empty()) {
+      throw Failure(ExitStatus::usage, path + ": holds a password alone; give --user as well");
+    }
+    return;
+  }
+  if (!options.user.empty() && options.user != first) {
+    throw Failure(ExitStatus::usage, path + ": belongs to the user " + first + ", not to " + options.user);
+  }
+  options.user = first;
+  options.password = second;
+}
+
+}  // namespace
+
+propclient::Options toOptions(const ConnectionOptions& given, std::chrono::milliseconds defaultTimeout) {
+  propclient::Options options;
+  options.host = given.host;
+  options.name = given.name;
+  options.user = given.user;
+  if (!given.passwordFile.empty()) {
+    readPasswordFile(given.passwordFile, options);
+  }
+  if (!given.caFile.empty()) {
+    options.tls = propclient::Tls{given.caFile, given.certificateFile, given.keyFile};
+  } else if (!given.certificateFile.empty() || !given.keyFile.empty()) {
+    throw Failure(ExitStatus::usage, "--cert and --key go with --cafile");
+  }
+  options.port = given.port != 0 ? static_cast<std::uint16_t>(given.port) : options.tls ? kTlsPort : kPort;
+  options.timeout =
+      given.timeout > 0 ? std::chrono::milliseconds(static_cast<long>(given.timeout * 1000)) : defaultTimeout;
+  return options;
+}
+
+}  // namespace propctl

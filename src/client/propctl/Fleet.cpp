@@ -1,0 +1,167 @@
+#include "client/propctl/Fleet.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <exception>
+#include <fnmatch.h>
+#include <iostream>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "client/propctl/Text.h"
+#include "propclient/Devices.h"
+
+namespace propctl {
+
+namespace {
+
+/// The devices of one command: who is next, and what has come of the others.
+class Round {
+ public:
+  using Command = std::function<ExitStatus(Session&)>;
+
+  Round(std::vector<std::string> serials, const std::map<std::string, bool>& known,
+        propclient::Options options, Output& output, const Command& command)
+      : serials_(std::move(serials)),
+        known_(known),
+        options_(std::move(options)),
+        output_(output),
+        command_(command) {}
+
+  ExitStatus run(unsigned jobs) {
+    std::vector<std::jthread> workers;
+    for (std::size_t i = 0; i < std::min<std::size_t>(jobs, serials_.size()); ++i) {
+      workers.emplace_back([this] { work(); });
+    }
+    workers.clear();
+    if (failure_) {
+      std::rethrow_exception(failure_);
+    }
+    return summarize();
+  }
+
+ private:
+  void work() {
+    for (std::size_t i = next_++; i < serials_.size(); i = next_++) {
+      std::ostringstream results;
+      std::ostringstream errors;
+      Style style = output_.style();
+      style.device = serials_[i];
+      style.table = style.progress = false;
+      Output output(results, errors, style);
+      const ExitStatus status = runOn(serials_[i], output);
+      if (!output.hasSpoken() && !style.quiet && !style.json) {
+        output.line("done");
+      }
+      conclude(status, results.str(), errors.str());
+    }
+  }
+
+  ExitStatus runOn(const std::string& serial, Output& output) {
+    const auto presence = known_.find(serial);
+    if (presence != known_.end() && !presence->second) {
+      output.complain("is not connected to the central broker");
+      return ExitStatus::noAnswer;
+    }
+    try {
+      propclient::Options options = options_;
+      options.device = serial;
+      Session session(options, output);
+      return command_(session);
+    } catch (const Failure& failure) {
+      output.complain(failure.what());
+      return failure.status();
+    } catch (const std::exception& error) {
+      output.complain(error.what());
+      return ExitStatus::usage;
+    }
+  }
+
+  void conclude(ExitStatus status, const std::string& results, const std::string& errors) {
+    const std::lock_guard lock(mutex_);
+    output_.progress("");
+    std::cout << results;
+    std::cerr << errors;
+    try {
+      output_.flush();
+    } catch (...) {
+      failure_ = std::current_exception();
+      next_ = serials_.size();
+    }
+    ++concluded_[static_cast<std::size_t>(status)];
+    ++devices_;
+    output_.progress(std::to_string(devices_) + " of " + std::to_string(serials_.size()) + " devices");
+  }
+
+  ExitStatus summarize() const {
+    const auto count = [this](ExitStatus status) { return concluded_[static_cast<std::size_t>(status)]; };
+    const auto refused = count(ExitStatus::refused) + count(ExitStatus::usage);
+    output_.progress("");
+    output_.remark(std::to_string(count(ExitStatus::done)) + " done, " + std::to_string(refused) +
+                   " refused, " + std::to_string(count(ExitStatus::noAnswer)) + " silent");
+    ExitStatus worst = ExitStatus::done;
+    for (const ExitStatus status : {ExitStatus::refused, ExitStatus::usage, ExitStatus::noAnswer}) {
+      worst = count(status) != 0 ? status : worst;
+    }
+    return worst;
+  }
+
+  const std::vector<std::string> serials_;
+  const std::map<std::string, bool>& known_;
+  const propclient::Options options_;
+  Output& output_;
+  const Command& command_;
+  std::atomic<std::size_t> next_ = 0;
+
+  std::mutex mutex_;
+  std::array<std::size_t, 4> concluded_{};  ///< By exit status. Guarded by mutex_, as all below.
+  std::size_t devices_ = 0;
+  std::exception_ptr failure_;
+};
+
+}  // namespace
+
+bool isSerialPattern(const std::string& serial) {
+  return serial.find_first_of("*?[") != std::string::npos;
+}
+
+std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
+                                       const std::map<std::string, bool>& known) {
+  std::set<std::string> serials;
+  for (const std::string& pattern : wanted) {
+    if (!isSerialPattern(pattern)) {
+      serials.insert(pattern);
+      continue;
+    }
+    bool found = false;
+    for (const auto& [serial, connected] : known) {
+      if (fnmatch(pattern.c_str(), serial.c_str(), 0) == 0) {
+        serials.insert(serial);
+        found = true;
+      }
+    }
+    if (!found) {
+      throw Failure(ExitStatus::refused,
+                    "no device that the central broker knows matches " + escaped(pattern));
+    }
+  }
+  return {serials.begin(), serials.end()};
+}
+
+ExitStatus runOnDevices(const std::vector<std::string>& wanted, const propclient::Options& options,
+                        unsigned jobs, Output& output, const std::function<ExitStatus(Session&)>& command) {
+  std::map<std::string, bool> known;
+  if (std::any_of(wanted.begin(), wanted.end(), isSerialPattern)) {
+    try {
+      known = propclient::knownDevices(options);
+    } catch (const propclient::ConnectionError& error) {
+      throw Failure(ExitStatus::noAnswer, error.what());
+    }
+  }
+  return Round(selectSerials(wanted, known), known, options, output, command).run(jobs);
+}
+
+}  // namespace propctl

@@ -1,0 +1,130 @@
+#include "client/propctl/Output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+
+#include "client/propctl/ExitStatus.h"
+#include "client/propctl/Text.h"
+#include "core/JsonText.h"
+
+namespace propctl {
+
+namespace {
+
+constexpr char kBold[] = "\033[1m";
+constexpr char kPlain[] = "\033[0m";
+constexpr char kClearLine[] = "\r\033[K";
+
+/// Columns on a terminal, where bytes that continue a character of UTF-8 take no place.
+std::size_t widthOf(const std::string& text) {
+  return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char byte) {
+    return (static_cast<unsigned char>(byte) & 0xc0U) != 0x80U;
+  }));
+}
+
+std::string joined(const std::vector<std::string>& cells, const char* separator) {
+  std::string text;
+  for (const std::string& cell : cells) {
+    text += (&cell == &cells.front() ? "" : separator) + cell;
+  }
+  return text;
+}
+
+std::string aligned(const std::vector<std::string>& cells, const std::vector<std::size_t>& widths) {
+  std::string text;
+  for (std::size_t i = 0; i < cells.size(); ++i) {
+    text += cells[i] + std::string(widths[i] - widthOf(cells[i]) + 2, ' ');
+  }
+  text.erase(text.find_last_not_of(' ') + 1);
+  return text;
+}
+
+}  // namespace
+
+void Output::line(const std::string& text) {
+  out_ << prefix_ << text << '\n';
+  spoken_ = true;
+}
+
+void Output::value(const std::string& value) {
+  line(style_.table ? escaped(value) : value);
+}
+
+void Output::json(const Json::Value& document) {
+  spoken_ = true;
+  if (style_.device.empty()) {
+    out_ << propertyservice::json::write(document);
+    return;
+  }
+  Json::Value ofDevice;
+  ofDevice["device"] = style_.device;
+  ofDevice["result"] = document;
+  out_ << propertyservice::json::write(ofDevice);
+}
+
+void Output::table(const std::vector<std::string>& headings,
+                   const std::vector<std::vector<std::string>>& rows) {
+  if (!style_.table) {
+    for (const auto& row : rows) {
+      line(joined(row, "\t"));
+    }
+    return;
+  }
+  std::vector<std::size_t> widths;
+  for (const std::string& heading : headings) {
+    widths.push_back(widthOf(heading));
+  }
+  for (const auto& row : rows) {
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], widthOf(row[i]));
+    }
+  }
+  line(kBold + aligned(headings, widths) + kPlain);
+  for (const auto& row : rows) {
+    line(aligned(row, widths));
+  }
+}
+
+void Output::complain(const std::string& text) {
+  progress("");
+  errors_ << "propctl: " << prefix_ << text << std::endl;
+  spoken_ = true;
+}
+
+void Output::remark(const std::string& text) {
+  if (!style_.quiet) {
+    progress("");
+    errors_ << prefix_ << text << std::endl;
+    spoken_ = true;
+  }
+}
+
+void Output::progress(const std::string& text) {
+  if (style_.progress && !style_.quiet) {
+    errors_ << kClearLine << text << std::flush;
+  }
+}
+
+void Output::flush() {
+  errno = 0;
+  out_.flush();
+  if (out_) {
+    return;
+  }
+  if (errno == EPIPE) {
+    // Whoever read has had enough: end as any other program of a pipeline does. The client's thread, where
+    // changes are printed, blocks all signals.
+    std::signal(SIGPIPE, SIG_DFL);
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
+    std::raise(SIGPIPE);
+  }
+  throw Failure(ExitStatus::refused, std::string("cannot write the output: ") +
+                                         (errno != 0 ? std::strerror(errno) : "standard output failed"));
+}
+
+}  // namespace propctl

@@ -1,0 +1,180 @@
+#include "client/propctl/Rules.h"
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+#include <utility>
+
+#include "client/propctl/Text.h"
+#include "core/Integer.h"
+#include "core/Property.h"
+#include "database/StorableValue.h"
+#include "validators/EnumValidator.h"
+#include "validators/MinMaxValidator.h"
+#include "validators/ReadOnlyValidator.h"
+#include "validators/RegExpValidator.h"
+#include "wire/Columns.h"
+
+namespace propctl {
+
+namespace column = propertyservice::column;
+using propertyservice::Property;
+
+namespace {
+
+constexpr unsigned kReadOnlyFlag = 1;
+
+bool has(const Columns& property, std::string_view column) {
+  return property.contains(std::string(column));
+}
+
+unsigned flagsOf(const Columns& property) {
+  const std::string& text = columnOf(property, column::kFlags);
+  int flags = 0;
+  std::from_chars(text.data(), text.data() + text.size(), flags);
+  return static_cast<unsigned>(flags);
+}
+
+Property toProperty(const std::string& value, const Columns& columns) {
+  Property property;
+  for (const auto& [name, text] : columns) {
+    const bool isInteger =
+        std::find(column::kInteger.begin(), column::kInteger.end(), name) != column::kInteger.end();
+    property.set(name, isInteger ? Json::Value(propertyservice::toInteger(text)) : Json::Value(text));
+  }
+  property.set(column::kValue, value);
+  return property;
+}
+
+Status toStatus(propertyservice::Status status) {
+  switch (status) {
+    case propertyservice::Status::ReadOnly:
+      return Status::readOnly;
+    case propertyservice::Status::RegExpError:
+      return Status::regExpError;
+    case propertyservice::Status::ValueOutOfBounds:
+      return Status::valueOutOfBounds;
+    case propertyservice::Status::ValueError:
+      return Status::valueError;
+    default:
+      return Status::ok;
+  }
+}
+
+std::string rangeInWords(const Columns& property) {
+  const std::string& least = columnOf(property, column::kRangeMin);
+  const std::string& greatest = columnOf(property, column::kRangeMax);
+  if (greatest.empty()) {
+    return "a number from " + least + " on";
+  }
+  if (least.empty()) {
+    return "a number up to " + greatest;
+  }
+  return "a number from " + least + " to " + greatest;
+}
+
+std::string listInWords(const Columns& property) {
+  std::string words = escaped(columnOf(property, column::kEnum));
+  for (std::size_t comma = words.find(','); comma != std::string::npos; comma = words.find(',', comma + 2)) {
+    words.insert(comma + 1, " ");
+  }
+  return words;
+}
+
+}  // namespace
+
+Status judge(const std::string& value, const Columns& columns) {
+  if (value == columnOf(columns, column::kValue)) {
+    return Status::ok;
+  }
+  Property property = toProperty(value, columns);
+  if (!propertyservice::isStorable(property.member(column::kValue))) {
+    return Status::valueError;
+  }
+  propertyservice::ReadOnlyValidator readOnly;
+  propertyservice::RegExpValidator expression;
+  propertyservice::MinMaxValidator range;
+  propertyservice::EnumValidator list;
+  for (propertyservice::Validator* rule :
+       std::initializer_list<propertyservice::Validator*>{&readOnly, &expression, &range, &list}) {
+    if (!rule->validate(property)) {
+      break;
+    }
+  }
+  return toStatus(property.status());
+}
+
+std::string reasonFor(Status status, const std::string& value, const Columns& property) {
+  const std::string quoted = '"' + escaped(value) + '"';
+  switch (status) {
+    case Status::ok:
+      return "done";
+    case Status::notFound:
+      return "no such property";
+    case Status::readOnly:
+      return "cannot be written, only reset";
+    case Status::regExpError:
+      return quoted + " does not match the expression " + escaped(columnOf(property, column::kRegexp));
+    case Status::valueOutOfBounds:
+      return quoted + " is not " + rangeInWords(property);
+    case Status::valueError:
+      if (has(property, column::kEnum) && propertyservice::isStorable(Json::Value(value))) {
+        return quoted + " is none of " + listInWords(property);
+      }
+      return "a value is at most 256 characters of UTF-8 without NUL";
+    case Status::dbError:
+      return "the daemon's store failed; its log says why";
+    case Status::invalidRequest:
+      return "the daemon does not know this request; is it older than propctl?";
+    case Status::noAnswer:
+      return "no answer; whether it was done is unknown";
+  }
+  return "";
+}
+
+std::vector<std::string> rulesOf(const Columns& property) {
+  std::vector<std::string> rules;
+  if ((flagsOf(property) & kReadOnlyFlag) != 0) {
+    rules.emplace_back("read-only");
+  }
+  if (has(property, column::kRegexp)) {
+    rules.push_back("matches " + escaped(columnOf(property, column::kRegexp)));
+  }
+  if (has(property, column::kRangeMin) || has(property, column::kRangeMax)) {
+    rules.push_back(rangeInWords(property));
+  }
+  if (has(property, column::kEnum)) {
+    rules.push_back("one of " + listInWords(property));
+  }
+  return rules;
+}
+
+std::string flagsInWords(const Columns& property) {
+  static constexpr std::pair<unsigned, const char*> kNames[] = {
+      {kReadOnlyFlag, "read-only"}, {2, "setting"}, {4, "dump"}, {8, "user"}, {16, "kept"}};
+  unsigned flags = flagsOf(property);
+  std::string words;
+  const auto add = [&words](const std::string& word) { words += (words.empty() ? "" : ",") + word; };
+  for (const auto& [bit, name] : kNames) {
+    if ((flags & bit) != 0) {
+      add(name);
+      flags &= ~bit;
+    }
+  }
+  if (flags != 0) {
+    add(std::to_string(flags));
+  }
+  return words.empty() ? "none" : words;
+}
+
+const std::string& columnOf(const Columns& property, std::string_view column) {
+  static const std::string kNone;
+  const auto found = property.find(std::string(column));
+  return found != property.end() ? found->second : kNone;
+}
+
+bool isChanged(const Columns& property) {
+  return columnOf(property, column::kValue) != columnOf(property, column::kDefaultValues);
+}
+
+}  // namespace propctl

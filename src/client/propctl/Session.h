@@ -1,0 +1,40 @@
+#pragma once
+
+#include <string>
+
+#include "client/propclient/Client.h"
+#include "client/propctl/ExitStatus.h"
+#include "client/propctl/Output.h"
+
+namespace propctl {
+
+/// What a command works with: a connection and a place to talk.
+class Session {
+ public:
+  /// Connects. Throws `Failure`.
+  Session(propclient::Options options, Output& output);
+
+  propclient::Client& client() { return client_; }
+  Output& output() { return output_; }
+
+  /// The broker as "HOST:PORT", with the device behind it.
+  std::string where() const;
+
+  /// The answer, unless there is none: then throws `Failure` with what may be the cause.
+  template <typename T>
+  const T& answered(const T& answer) const {
+    if (answer.status == propclient::Status::noAnswer) {
+      throwNoAnswer();
+    }
+    return answer;
+  }
+
+  [[noreturn]] void throwNoAnswer() const;
+
+ private:
+  const propclient::Options options_;
+  Output& output_;
+  propclient::Client client_;
+};
+
+}  // namespace propctl

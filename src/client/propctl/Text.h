@@ -1,0 +1,44 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace propctl {
+
+/// A value as part of a line: backslash, line feed, carriage return and tab as `\\`, `\n`, `\r` and `\t`,
+/// other control characters as `\xNN`. So a line stays a line, and no value speaks to a terminal.
+std::string escaped(std::string_view value);
+
+/// The reverse. A backslash before anything else stands for itself.
+std::string unescaped(std::string_view text);
+
+struct Assignment {
+  std::string name;
+  std::string value;
+
+  bool operator==(const Assignment&) const = default;
+};
+
+/// The arguments of "set": "KEY=VALUE…", each cut at its first "=", or "KEY VALUE" where KEY has none. Throws
+/// `Failure` (usage) for anything else and for a name that is given twice.
+std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
+
+/// What "dump" writes: a line "NAME=VALUE" each, the value escaped; empty lines and lines that begin with "#"
+/// are skipped. Or a JSON object with texts, numbers or booleans. Throws `Failure` with `source` and the
+/// line.
+std::vector<Assignment> readDump(const std::string& text, const std::string& source);
+
+/// The same from a file; "-": standard input.
+std::vector<Assignment> readDumpFile(const std::string& file);
+
+/// The parts of "A,B,…", without empty ones.
+std::vector<std::string> splitList(const std::string& text);
+
+bool isPattern(std::string_view name);
+
+/// Whether it names run-time state, which has no rules and no default.
+bool isState(std::string_view name);
+
+}  // namespace propctl

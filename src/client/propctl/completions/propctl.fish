@@ -1,0 +1,61 @@
+# fish completion for propctl
+
+function __propctl_keys
+    propctl complete-keys (commandline -ct) 2>/dev/null
+end
+
+function __propctl_assignments
+    __propctl_keys | string replace -r '$' '='
+end
+
+function __propctl_groups
+    __propctl_keys | string replace -r '\..*' '' | sort -u
+end
+
+set -l commands get set reset list describe watch dump load backup restore sysdump prepare ping check
+set -l none "not __fish_seen_subcommand_from $commands"
+
+complete -c propctl -f
+complete -c propctl -n $none -a get -d 'Read values'
+complete -c propctl -n $none -a set -d 'Write values'
+complete -c propctl -n $none -a reset -d 'Take properties to their defaults'
+complete -c propctl -n $none -a list -d 'A table of properties'
+complete -c propctl -n $none -a describe -d 'Everything about one property'
+complete -c propctl -n $none -a watch -d 'Print changes as they come'
+complete -c propctl -n $none -a dump -d 'All values by provisioning name'
+complete -c propctl -n $none -a load -d 'Write what dump has printed'
+complete -c propctl -n $none -a backup -d "Save the user's settings on the device"
+complete -c propctl -n $none -a restore -d 'Read the saved settings back'
+complete -c propctl -n $none -a sysdump -d 'Write what support wants to see'
+complete -c propctl -n $none -a prepare -d 'Save what is to survive'
+complete -c propctl -n $none -a ping -d 'Is it alive, and how far away?'
+complete -c propctl -n $none -a check -d "Look for mistakes in a device's files"
+
+complete -c propctl -l host -x -a '(__fish_print_hostnames)' -d Broker
+complete -c propctl -l port -x -d 'Its port'
+complete -c propctl -l user -x -d 'User name'
+complete -c propctl -l password-file -rF -d 'File with user and password'
+complete -c propctl -l name -x -d 'Sender of the requests'
+complete -c propctl -l cafile -rF -d 'Authorities to trust'
+complete -c propctl -l cert -rF -d 'Certificate of the client'
+complete -c propctl -l key -rF -d 'Its key'
+complete -c propctl -l device -x -d 'Serial number behind a central broker'
+complete -c propctl -l jobs -x -d 'So many devices at once'
+complete -c propctl -l timeout -x -d 'Seconds for each answer'
+complete -c propctl -l json -d 'Print JSON'
+complete -c propctl -s q -l quiet -d 'No remarks'
+complete -c propctl -l version -d 'Print the version'
+complete -c propctl -s h -l help -d 'Print help'
+
+complete -c propctl -n '__fish_seen_subcommand_from get list describe reset' -a '(__propctl_keys)'
+complete -c propctl -n '__fish_seen_subcommand_from set' -a '(__propctl_assignments)'
+complete -c propctl -n '__fish_seen_subcommand_from watch' -a '(__propctl_groups)'
+complete -c propctl -n '__fish_seen_subcommand_from prepare' -a 'version-change factory-reset'
+complete -c propctl -n '__fish_seen_subcommand_from load check' -F
+complete -c propctl -n '__fish_seen_subcommand_from get set describe load' -l by -x -a 'key web provisioning' -d 'What names are'
+complete -c propctl -n '__fish_seen_subcommand_from list' -l columns -x -d 'Columns, separated by commas'
+complete -c propctl -n '__fish_seen_subcommand_from list' -l changed -d 'Only what differs from its default'
+complete -c propctl -n '__fish_seen_subcommand_from watch' -l no-old -d 'Leave out the value before'
+complete -c propctl -n '__fish_seen_subcommand_from watch ping' -l count -x -d 'So many'
+complete -c propctl -n '__fish_seen_subcommand_from load' -l dry-run -d 'Write nothing'
+complete -c propctl -n '__fish_seen_subcommand_from backup' -l all -d 'All settings'

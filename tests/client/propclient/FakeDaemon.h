@@ -1,0 +1,137 @@
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <json/value.h>
+
+#include "propclient/Json.h"
+#include "propclient/Transport.h"
+
+namespace propclient {
+
+/// The broker and the daemon behind a session. What is published is only noted; the test says when the daemon
+/// serves it, and when what it sends arrives: replies in order, announcements in order, and each announcement
+/// after the replies that left before the change.
+class FakeDaemon : public Transport {
+ public:
+  struct Message {
+    std::string topic;
+    std::string payload;
+  };
+
+  void publish(const std::string& topic, const std::string& payload) override {
+    requests.push_back({topic, payload});
+  }
+  void subscribe(const std::vector<std::string>& topics) override {
+    subscriptions.insert(topics.begin(), topics.end());
+  }
+  void unsubscribe(const std::vector<std::string>& topics) override {
+    for (const std::string& topic : topics) {
+      subscriptions.erase(topic);
+    }
+  }
+
+  /// Changes a value, or removes a "State." key, and leaves the announcements in its queue.
+  void change(const std::string& key, const Json::Value& value) {
+    if (value.isNull()) {
+      values.erase(key);
+    } else {
+      values[key] = value.asString();
+    }
+    if (const std::size_t dot = key.find('.'); dot != std::string::npos) {
+      std::string group = key.substr(0, dot);
+      std::transform(group.begin(), group.end(), group.begin(), ::tolower);
+      Json::Value one;
+      one["param"] = key;
+      one["value"] = value;
+      announcements_.push_back({"prop-service-" + group + "/any", json::write(one)});
+    }
+    Json::Value all;
+    all[key] = value;
+    announcements_.push_back({"prop-service-groupnotify/any", json::write(all)});
+  }
+
+  /// Serves the next request.
+  void serve() {
+    const Message request = requests.front();
+    requests.pop_front();
+    const std::string sender = request.topic.substr(0, request.topic.find('/'));
+    send({"prop-service/" + sender, answer(json::parse(request.payload).value())});
+  }
+
+  /// Its worker sends the next announcement.
+  void announce() {
+    send(announcements_.front());
+    announcements_.pop_front();
+  }
+
+  bool hasRequests() const { return !requests.empty(); }
+  bool hasAnnouncements() const { return !announcements_.empty(); }
+  bool hasSent() const { return !sent_.empty(); }
+
+  /// What arrives next at the client; nothing where that has not subscribed to it.
+  std::optional<Message> arrive() {
+    const Message message = sent_.front();
+    sent_.pop_front();
+    return subscriptions.contains(message.topic) ? std::optional(message) : std::nullopt;
+  }
+
+  /// What is under way is lost, and so is what is sent until it is back. Requests that arrived are served.
+  void breakConnection() {
+    connected_ = false;
+    sent_.clear();
+  }
+  void restoreConnection() { connected_ = true; }
+
+  std::map<std::string, std::string> values;
+  std::set<std::string> subscriptions;
+  std::deque<Message> requests;
+
+ private:
+  void send(const Message& message) {
+    if (connected_) {
+      sent_.push_back(message);
+    }
+  }
+
+  std::string answer(const Json::Value& request) const {
+    const std::string param = request["param"].asString();
+    Json::Value reply;
+    reply["param"] = param;
+    if (param == "Are you alive?") {
+      reply["param"] = "Ok";
+    } else if (request["method"] == "getV") {
+      const auto found = values.find(param);
+      reply["status"] = found == values.end() ? "NotFound" : "Ok";
+      if (found != values.end()) {
+        reply["result"] = found->second;
+      }
+    } else {
+      reply["status"] = Json::nullValue;
+      for (const auto& [key, value] : values) {
+        if (param == "%" && !key.starts_with("State.")) {
+          Json::Value property;
+          property["key"] = key;
+          if (!value.empty()) {
+            property["value"] = value;
+          }
+          reply["result"].append(property);
+          reply["status"] = "Ok";
+        }
+      }
+    }
+    return json::write(reply);
+  }
+
+  bool connected_ = true;
+  std::deque<Message> announcements_;
+  std::deque<Message> sent_;
+};
+
+}  // namespace propclient
