@@ -87,8 +87,10 @@ Certificate Authorities::issue(const std::string& kind, const std::string& varia
 }
 
 std::string Authorities::runDocumented(const std::string& program, const std::string& variables) const {
-  return runIn(directory_.path(), std::string("centre=") + Centre::kAddress + " " + variables,
-               documentedCommands("docs/fleet.md", program).front());
+  return runIn(
+      directory_.path(),
+      std::string("PATH=") + PROPCTL_DIRECTORY + ":$PATH centre=" + Centre::kAddress + " " + variables,
+      documentedCommands("docs/fleet.md", program).front());
 }
 
 Centre::Centre(const Authorities& authorities) : host_("centre") {
