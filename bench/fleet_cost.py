@@ -114,7 +114,7 @@ class Centre:
         fleet = f"{directory}/fleet"
         os.mkdir(fleet)
         for line in open(f"{ROOT}/docs/fleet.md"):
-            if line.startswith("    openssl req -x509"):
+            if line.startswith("openssl req -x509"):
                 run("sh", "-c", "centre=localhost; " + line, cwd=fleet)
         with open(f"{ROOT}/device/mosquitto/central.conf") as sample:
             configuration = sample.read()
@@ -140,7 +140,7 @@ class Centre:
         fleet = f"{self.directory}/fleet"
         variable = {"device": "serial", "controller": "controller"}[kind]
         for line in open(f"{ROOT}/docs/fleet.md"):
-            if line.startswith("    openssl") and f"{kind}.csr" in line:
+            if line.startswith("openssl") and f"{kind}.csr" in line:
                 run("sh", "-c", f"{variable}={name}; " + line, cwd=fleet)
         context = ssl.create_default_context(cafile=f"{fleet}/centre-ca.crt")
         context.minimum_version = ssl.TLSVersion.TLSv1_3

@@ -42,8 +42,8 @@ std::vector<std::string> documentedCommands(const std::string& document, const s
   std::vector<std::string> commands;
   std::istringstream lines(readFile(kSource + "/" + document));
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with("    " + program + " ") && line.find(part) != std::string::npos) {
-      commands.push_back(line.substr(4));
+    if (line.starts_with(program + " ") && line.find(part) != std::string::npos) {
+      commands.push_back(line);
     }
   }
   if (commands.empty()) {

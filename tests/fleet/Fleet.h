@@ -95,7 +95,7 @@ class FleetDevice {
   std::unique_ptr<Process> observer_;
 };
 
-/// Lines of a document that are commands: those that begin with `program`, without the indentation.
+/// Lines of a document that are commands of `program` and contain `part`.
 std::vector<std::string> documentedCommands(const std::string& document, const std::string& program,
                                             const std::string& part = "");
 

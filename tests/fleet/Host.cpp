@@ -10,8 +10,9 @@ namespace propertyservice::test {
 Host::Host(std::string name)
     : name_(std::move(name)),
       holder_(std::make_unique<Process>(
-          std::vector<std::string>{SOURCE_DIRECTORY "/script/sandbox", "--private-network", "--", "sh", "-c",
-                                   "echo ready; exec sleep infinity"},
+          std::vector<std::string>{
+              SOURCE_DIRECTORY "/script/sandbox", "--private-network", "--", "sh", "-c",
+              "mount -t tmpfs broker /etc/mosquitto && echo ready && exec sleep infinity"},
           directory_.path("holder"))) {
   const bool ready = eventually([&] { return !holder_->running() || holder_->output() == "ready\n"; });
   if (!ready || !holder_->running()) {
@@ -30,6 +31,7 @@ std::string Host::run(const std::vector<std::string>& command) const {
 void Host::write(const std::string& path, const std::string& content, unsigned mode) const {
   const std::filesystem::path target(outside(path));
   std::filesystem::create_directories(target.parent_path());
+  std::filesystem::remove(target);
   std::ofstream(target, std::ios::binary | std::ios::trunc) << content;
   std::filesystem::permissions(target, std::filesystem::perms{mode});
 }
