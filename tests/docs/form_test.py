@@ -12,6 +12,7 @@ from documents import ROOT
 # What no document's test runs, and why.
 NOT_RUN = {
     "script/run": "tests/docs/run_test.py runs it",
+    "script/run --web": "tests/docs/run_test.py runs it",
     "cmake --preset debug": "builds",
     "cmake --build --preset debug": "builds",
     "ninja -C build/debug record_test && build/debug/record_test": "builds",

@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import unittest
+import urllib.request
 
 from documents import ROOT
 
@@ -34,10 +35,12 @@ def isolate():
 
 
 class Run(unittest.TestCase):
+    command = ["script/run"]
+
     def setUp(self):
         for entry in DEVICE.iterdir():
             subprocess.run(["rm", "-rf", entry], check=True)
-        self.run = subprocess.Popen(["script/run"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        self.run = subprocess.Popen(self.command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.said = ""
         while "script/run --" not in self.said:
             line = self.run.stdout.readline()
@@ -70,6 +73,18 @@ class Run(unittest.TestCase):
         self.assertEqual(self.run.returncode, 0)
         sockets = subprocess.run(["ss", "--no-header", "--tcp", "--listening"], check=True, capture_output=True)
         self.assertEqual(sockets.stdout, b"")
+
+
+class RunWithPage(Run):
+    command = ["script/run", "--web"]
+
+    def test_prints_the_address_of_the_page(self):
+        while "The page: " not in self.said:
+            self.said += self.run.stdout.readline()
+        address = re.search(r"The page: (http://\S+)", self.said).group(1)
+
+        with urllib.request.urlopen(address, timeout=20) as page:
+            self.assertIn(b"<title>", page.read())
 
 
 if __name__ == "__main__":

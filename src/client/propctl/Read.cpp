@@ -247,7 +247,7 @@ ExitStatus describe(Session& session, const std::string& name, Field field) {
       return ExitStatus::done;
     }
   }
-  output.complain(escaped(name) + ": no such property");
+  output.complain(escaped(name) + ": " + reasonFor(Status::notFound, "", {}));
   return ExitStatus::refused;
 }
 

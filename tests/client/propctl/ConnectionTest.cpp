@@ -120,8 +120,9 @@ TEST_F(PropctlConnection, refusesTheFileOfAnotherUser) {
 }
 
 TEST_F(PropctlConnection, saysThatThereIsNoBroker) {
-  EXPECT_EQ(propctl("--port 1 ping"),
-            failed(3, "propctl: no connection to the broker at localhost:1: Connection refused\n"));
+  EXPECT_EQ(propctl("--port 1 ping"), failed(3,
+                                             "propctl: no connection to the broker at localhost:1: "
+                                             "Connection refused; --host and --port say where it is\n"));
 }
 
 TEST_F(PropctlConnection, saysThatAnAuthoritysFileIsMissing) {

@@ -49,8 +49,9 @@ TEST_F(PropctlReads, readsState) {
 }
 
 TEST_F(PropctlReads, printsTheOthersWhenOneIsNotFound) {
-  EXPECT_EQ(propctl("get Nowhere Audio.Volume"),
-            (Outcome{1, "Audio.Volume=5\n", "propctl: Nowhere: no such property\n"}));
+  EXPECT_EQ(
+      propctl("get Nowhere Audio.Volume"),
+      (Outcome{1, "Audio.Volume=5\n", "propctl: Nowhere: no such property; \"propctl list\" shows all\n"}));
 }
 
 TEST_F(PropctlReads, saysThatNothingMatches) {
@@ -143,7 +144,8 @@ TEST_F(PropctlReads, describesByWebName) {
 }
 
 TEST_F(PropctlReads, describesWhatThereIsNot) {
-  EXPECT_EQ(propctl("describe Nowhere"), failed(1, "propctl: Nowhere: no such property\n"));
+  EXPECT_EQ(propctl("describe Nowhere"),
+            failed(1, "propctl: Nowhere: no such property; \"propctl list\" shows all\n"));
 }
 
 TEST_F(PropctlReads, describesNoPattern) {

@@ -58,7 +58,9 @@ INSTANTIATE_TEST_SUITE_P(
 class Propctl : public ::testing::Test {};
 
 TEST_F(Propctl, takesOptionsBeforeAndBehindTheCommand) {
-  const std::string refused = "propctl: no connection to the broker at localhost:1: Connection refused\n";
+  const std::string refused =
+      "propctl: no connection to the broker at localhost:1: Connection refused; --host and --port say where "
+      "it is\n";
 
   EXPECT_EQ(propctl("--port 1 ping"), failed(3, refused));
   EXPECT_EQ(propctl("ping --port 1"), failed(3, refused));
@@ -66,7 +68,8 @@ TEST_F(Propctl, takesOptionsBeforeAndBehindTheCommand) {
 
 TEST_F(Propctl, prefersAnOptionToTheEnvironment) {
   EXPECT_EQ(shell("PROPCTL_PORT=2 propctl ping --port 1").errors,
-            "propctl: no connection to the broker at localhost:1: Connection refused\n");
+            "propctl: no connection to the broker at localhost:1: Connection refused; --host and --port say "
+            "where it is\n");
 }
 
 TEST_F(Propctl, refusesANonsensicalEnvironment) {

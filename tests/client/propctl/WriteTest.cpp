@@ -116,7 +116,7 @@ TEST_F(PropctlWrites, writesTheOthersWhenOneIsRefused) {
   EXPECT_EQ(propctl("set Audio.Volume=11 Nowhere=1 Audio.Codec=g722"),
             failed(1,
                    "propctl: Audio.Volume: ValueOutOfBounds: \"11\" is not a number from 0 to 10\n"
-                   "propctl: Nowhere: NotFound: no such property\n"));
+                   "propctl: Nowhere: NotFound: no such property; \"propctl list\" shows all\n"));
 
   EXPECT_EQ(device_.getValue("Audio.Codec"), "g722");
 }
@@ -160,7 +160,8 @@ TEST_F(PropctlWrites, removesState) {
 
 TEST_F(PropctlWrites, resetsTheOthersWhenOneIsNotFound) {
   EXPECT_EQ(propctl("reset Nowhere Audio.Volume"),
-            (Outcome{1, "Audio.Volume: 5 -> 4\n", "propctl: Nowhere: NotFound: no such property\n"}));
+            (Outcome{1, "Audio.Volume: 5 -> 4\n",
+                     "propctl: Nowhere: NotFound: no such property; \"propctl list\" shows all\n"}));
 }
 
 TEST_F(PropctlWrites, loadsWhatItHasDumped) {
@@ -187,7 +188,7 @@ TEST_F(PropctlWrites, triesAFileWithoutWriting) {
   EXPECT_EQ(outcome, (Outcome{1,
                               "P_VOLUME=11: ValueOutOfBounds: \"11\" is not a number from 0 to 10\n"
                               "P_HOSTNAME=lab: would be written\n"
-                              "NOWHERE=1: NotFound: no such property\n",
+                              "NOWHERE=1: NotFound: no such property; \"propctl list\" shows all\n",
                               "propctl: 2 of 3 would be refused\n"}));
   EXPECT_EQ(device_.getValue("NET.General.Hostname"), "desk");
 }
