@@ -205,6 +205,15 @@ void FleetDevice::stopDaemon() {
   daemon_->wait();
 }
 
+std::size_t FleetDevice::connectAttempts() const {
+  std::size_t attempts = 0;
+  std::istringstream lines(brokerLog());
+  for (std::string line; std::getline(lines, line);) {
+    attempts += line.find("Connecting bridge (step 1)") != std::string::npos ? 1 : 0;
+  }
+  return attempts;
+}
+
 std::string FleetDevice::askLocally(const std::string& request) const {
   const auto client = host_.start({"mosquitto_rr", "-u", "panel", "-P", "secret", "-N", "-q", "1", "-W", "1",
                                    "-t", "panel/prop-service", "-e", "prop-service/panel", "-m", request},

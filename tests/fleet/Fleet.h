@@ -75,6 +75,8 @@ class FleetDevice {
   void stopDaemon();
   std::string daemonLog() const { return daemon_->output(); }
   std::string brokerLog() const { return broker_->output(); }
+  /// How often the bridge has tried to connect since the broker's start.
+  std::size_t connectAttempts() const;
 
   /// Asks as the local program "panel"; the reply's text, or nothing.
   std::string askLocally(const std::string& request) const;

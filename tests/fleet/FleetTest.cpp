@@ -116,6 +116,22 @@ TEST_F(Fleet, tellsThatADeviceIsBack) {
   EXPECT_TRUE(isOnline(device(2)));
 }
 
+TEST_F(Fleet, hearsOfADeviceThatStartsBeforeItsNetworkIsThere) {
+  device(2).stopBroker();
+  ASSERT_TRUE(isOffline(device(2)));
+  fleet_->forget();
+  const std::string hosts = device(2).host().run({"cat", "/etc/hosts"});
+  device(2).host().write("/etc/hosts", "127.0.0.1 localhost\n");
+  device(2).link().down();
+  device(2).startBroker();
+  ASSERT_TRUE(eventually([&] { return device(2).connectAttempts() >= 2; }));
+
+  device(2).link().up();
+  device(2).host().write("/etc/hosts", hosts);
+
+  EXPECT_TRUE(isOnline(device(2)));
+}
+
 TEST_F(Fleet, listsAllDevicesBeforeTheMark) {
   constexpr int kMany = 5000;
   CentralClient registry("registry", Centre::kControllers, authorities_.issueController("registry"));
