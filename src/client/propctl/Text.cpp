@@ -1,18 +1,24 @@
 #include "client/propctl/Text.h"
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <set>
 #include <sstream>
 
+#include "client/check/JsonSource.h"
 #include "client/propctl/ExitStatus.h"
-#include "core/JsonText.h"
 #include "wire/Names.h"
 
 namespace propctl {
 
 namespace {
+
+/// Some editors put it in front of UTF-8.
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
@@ -61,6 +67,9 @@ char takeEscape(std::string_view& text) {
   return '\\';
 }
 
+/// What an error shows of a line.
+constexpr std::size_t kExcerpt = 80;
+
 /// Nothing in front of "=", or no "=" at all, is no assignment.
 bool isAssignment(const std::string& text) {
   const std::size_t equals = text.find('=');
@@ -84,8 +93,8 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
       continue;
     }
     if (!isAssignment(line)) {
-      throw Failure(ExitStatus::refused,
-                    source + ':' + std::to_string(number) + ": NAME=VALUE expected: " + escaped(line));
+      throw Failure(ExitStatus::refused, source + ':' + std::to_string(number) +
+                                             ": NAME=VALUE expected: " + escaped(line.substr(0, kExcerpt)));
     }
     auto [name, value] = cut(line);
     assignments.push_back({std::move(name), unescaped(value)});
@@ -93,20 +102,33 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
   return assignments;
 }
 
+/// Not null, and no fraction: as text it may be another than the file has.
+bool isText(const Json::Value& value) {
+  return value.isString() || value.isBool() || value.type() == Json::intValue ||
+         value.type() == Json::uintValue;
+}
+
 std::vector<Assignment> readJson(const std::string& text, const std::string& source) {
-  Json::Value object;
-  if (!propertyservice::json::parse(text, object) || !object.isObject()) {
-    throw Failure(ExitStatus::refused, source + ": no JSON object of names and values");
+  const check::JsonReading reading = check::readJson(text);
+  if (!reading.problems.empty()) {
+    const auto [offset, problem] = reading.problems.front();
+    const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), '\n');
+    throw Failure(ExitStatus::refused, source + ':' + std::to_string(line) + ": " + problem);
   }
   std::vector<Assignment> assignments;
-  for (auto member = object.begin(); member != object.end(); ++member) {
-    if (!member->isConvertibleTo(Json::stringValue)) {
-      throw Failure(ExitStatus::refused, source + ": the value of " + escaped(member.name()) + " is no text");
+  for (auto member = reading.value.begin(); member != reading.value.end(); ++member) {
+    if (!isText(*member)) {
+      throw Failure(ExitStatus::refused, source + ": the value of " + escaped(member.name()) +
+                                             " must be a text: put it in quotes");
     }
     assignments.push_back({member.name(), member->asString()});
   }
   return assignments;
 }
+
+struct Close {
+  void operator()(std::FILE* stream) const { std::fclose(stream); }
+};
 
 void requireDistinct(const std::vector<Assignment>& assignments, ExitStatus status,
                      const std::string& source) {
@@ -167,15 +189,21 @@ std::vector<Assignment> readDump(const std::string& text, const std::string& sou
 }
 
 std::vector<Assignment> readDumpFile(const std::string& file) {
-  if (file == "-") {
-    return readDump({std::istreambuf_iterator<char>(std::cin), {}}, "standard input");
+  const bool isInput = file == "-";
+  const std::string source = isInput ? "standard input" : file;
+  const std::unique_ptr<std::FILE, Close> stream(isInput ? stdin : std::fopen(file.c_str(), "r"));
+  std::string text;
+  char part[4096];
+  for (std::size_t bytes = 0; stream && (bytes = std::fread(part, 1, sizeof part, stream.get())) != 0;) {
+    text.append(part, bytes);
   }
-  std::ifstream stream(file, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (!stream.is_open() || stream.bad()) {
-    throw Failure(ExitStatus::refused, file + ": cannot be read");
+  if (!stream || std::ferror(stream.get()) != 0) {
+    throw Failure(ExitStatus::refused, source + ": " + std::strerror(errno));
   }
-  return readDump(text, file);
+  if (text.starts_with(kByteOrderMark)) {
+    text.erase(0, kByteOrderMark.size());
+  }
+  return readDump(text, source);
 }
 
 std::vector<std::string> splitList(const std::string& text) {

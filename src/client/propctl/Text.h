@@ -26,7 +26,7 @@ struct Assignment {
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
 
 /// What "dump" writes: a line "NAME=VALUE" each, the value escaped; empty lines and lines that begin with "#"
-/// are skipped. Or a JSON object with texts, numbers or booleans. Throws `Failure` with `source` and the
+/// are skipped. Or a JSON object with texts, integers or booleans. Throws `Failure` with `source` and the
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 
