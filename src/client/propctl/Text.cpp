@@ -30,6 +30,16 @@ bool isControl(char byte) {
   return code < 0x20 || code == 0x7f;
 }
 
+/// U+0080 to U+009F, of which a terminal may take one for an escape with the bracket behind it.
+bool beginsWithTwoByteControl(std::string_view text) {
+  return text.size() >= 2 && text[0] == '\xc2' && (static_cast<unsigned char>(text[1]) & 0xe0U) == 0x80;
+}
+
+void appendHex(char byte, std::string& text) {
+  const auto code = static_cast<unsigned char>(byte);
+  text += {'\\', 'x', kHexDigits[code >> 4U], kHexDigits[code & 0xfU]};
+}
+
 void escape(char byte, std::string& text) {
   for (const auto& [character, letter] : kLetters) {
     if (byte == character) {
@@ -38,8 +48,7 @@ void escape(char byte, std::string& text) {
     }
   }
   if (isControl(byte)) {
-    const auto code = static_cast<unsigned char>(byte);
-    text += {'\\', 'x', kHexDigits[code >> 4U], kHexDigits[code & 0xfU]};
+    appendHex(byte, text);
   } else {
     text += byte;
   }
@@ -145,8 +154,14 @@ void requireDistinct(const std::vector<Assignment>& assignments, ExitStatus stat
 std::string escaped(std::string_view value) {
   std::string text;
   text.reserve(value.size());
-  for (const char byte : value) {
-    escape(byte, text);
+  for (; !value.empty(); value.remove_prefix(1)) {
+    if (beginsWithTwoByteControl(value)) {
+      appendHex(value.front(), text);
+      value.remove_prefix(1);
+      appendHex(value.front(), text);
+    } else {
+      escape(value.front(), text);
+    }
   }
   return text;
 }

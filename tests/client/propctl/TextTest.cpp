@@ -12,6 +12,11 @@ TEST(Text, escapesWhatWouldBreakALine) {
   EXPECT_EQ(escaped("a\nb\rc\td\\e\x1b\x7f"), "a\\nb\\rc\\td\\\\e\\x1b\\x7f");
 }
 
+TEST(Text, escapesControlCharactersOfTwoBytes) {
+  EXPECT_EQ(escaped("a\xc2\x80z\xc2\x9b\xc2\xa0"), "a\\xc2\\x80z\\xc2\\x9b\xc2\xa0");
+  EXPECT_EQ(unescaped(escaped("\xc2\x9b")), "\xc2\x9b");
+}
+
 TEST(Text, leavesUtf8AsItIs) {
   EXPECT_EQ(escaped("Gr\xc3\xbc\xc3\x9f"), "Gr\xc3\xbc\xc3\x9f");
 }
