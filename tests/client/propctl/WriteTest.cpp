@@ -200,6 +200,15 @@ TEST_F(PropctlWrites, loadsJson) {
   EXPECT_EQ(device_.getValue("Audio.Volume"), "9");
 }
 
+TEST_F(PropctlWrites, tellsHowManyAreWrittenWhenNoAnswerComes) {
+  device_.stop();
+
+  const Outcome outcome = shell("echo P_VOLUME=9 | propctl --timeout 0.2 load -");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, ::testing::StartsWith("0 of 1 written\npropctl: no answer from "));
+}
+
 TEST_F(PropctlWrites, triesAFileWithoutWriting) {
   const Outcome outcome =
       shell("printf 'P_VOLUME=11\\nP_HOSTNAME=lab\\nNOWHERE=1\\n' | propctl load --dry-run -");
