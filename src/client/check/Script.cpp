@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <SQLiteCpp/Database.h>
+#include <SQLiteCpp/Statement.h>
 #include <sqlite3.h>
 
 #include "client/check/PropertyRules.h"
@@ -356,6 +357,19 @@ class Runner {
     // The script may have made triggers that call it.
     sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, nullptr, nullptr, nullptr, nullptr);
     script_.readable = checkSchema(database_, source_, tableLine_, findings_);
+    if (script_.readable && script_.complete) {
+      forgetRemoved();
+    }
+  }
+
+  /// Rows may be deleted and keys changed by later statements.
+  void forgetRemoved() {
+    SQLite::Statement present(*script_.database, "SELECT 1 FROM settings WHERE key = ?");
+    std::erase_if(script_.lines, [&present](const auto& entry) {
+      present.reset();
+      present.bind(1, entry.first);
+      return !present.executeStep();
+    });
   }
 
   const Source& source_;

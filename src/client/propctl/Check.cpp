@@ -1,6 +1,7 @@
 #include "client/check/Check.h"
 
 #include "client/propctl/Commands.h"
+#include "client/propctl/Text.h"
 
 namespace propctl {
 
@@ -24,7 +25,7 @@ ExitStatus check(Output& output, const Names& files) {
       object["text"] = finding.text;
     } else {
       const std::string line = finding.line == 0 ? "" : ':' + std::to_string(finding.line);
-      output.line(finding.file + line + ": " + inWords(finding.severity) + ": " + finding.text);
+      output.line(escaped(finding.file) + line + ": " + inWords(finding.severity) + ": " + finding.text);
     }
   }
   if (output.style().json) {

@@ -193,7 +193,9 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
   needed.insert(needed.end(), {text(column::kKey), text(column::kValue), text(column::kDefaultValues)});
   std::vector<Columns> properties = listSorted(session, pattern, needed, Field::key);
   if (properties.empty()) {
-    session.output().complain(escaped(pattern) + ": " + whyNot(pattern, Status::notFound));
+    session.output().complain(escaped(pattern) + ": " +
+                              (isState(pattern) ? "run-time state is not listed; get reads it"
+                                                : whyNot(pattern, Status::notFound)));
     return ExitStatus::refused;
   }
   if (onlyChanged) {

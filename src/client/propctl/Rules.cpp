@@ -123,7 +123,7 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
       }
       return "a value is at most 256 characters of UTF-8 without NUL";
     case Status::dbError:
-      return "the daemon's store failed; its log says why";
+      return "the daemon's store or backup failed; its log says why";
     case Status::invalidRequest:
       return "the daemon does not know this request; is it older than propctl?";
     case Status::noAnswer:

@@ -1,18 +1,24 @@
 #include "client/propctl/Text.h"
 
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+#include <memory>
 #include <set>
 #include <sstream>
 
+#include "client/check/JsonSource.h"
 #include "client/propctl/ExitStatus.h"
-#include "core/JsonText.h"
 #include "wire/Names.h"
 
 namespace propctl {
 
 namespace {
+
+/// Some editors put it in front of UTF-8.
+constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
@@ -24,6 +30,16 @@ bool isControl(char byte) {
   return code < 0x20 || code == 0x7f;
 }
 
+/// U+0080 to U+009F, of which a terminal may take one for an escape with the bracket behind it.
+bool beginsWithTwoByteControl(std::string_view text) {
+  return text.size() >= 2 && text[0] == '\xc2' && (static_cast<unsigned char>(text[1]) & 0xe0U) == 0x80;
+}
+
+void appendHex(char byte, std::string& text) {
+  const auto code = static_cast<unsigned char>(byte);
+  text += {'\\', 'x', kHexDigits[code >> 4U], kHexDigits[code & 0xfU]};
+}
+
 void escape(char byte, std::string& text) {
   for (const auto& [character, letter] : kLetters) {
     if (byte == character) {
@@ -32,8 +48,7 @@ void escape(char byte, std::string& text) {
     }
   }
   if (isControl(byte)) {
-    const auto code = static_cast<unsigned char>(byte);
-    text += {'\\', 'x', kHexDigits[code >> 4U], kHexDigits[code & 0xfU]};
+    appendHex(byte, text);
   } else {
     text += byte;
   }
@@ -61,6 +76,9 @@ char takeEscape(std::string_view& text) {
   return '\\';
 }
 
+/// What an error shows of a line.
+constexpr std::size_t kExcerpt = 80;
+
 /// Nothing in front of "=", or no "=" at all, is no assignment.
 bool isAssignment(const std::string& text) {
   const std::size_t equals = text.find('=');
@@ -84,8 +102,8 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
       continue;
     }
     if (!isAssignment(line)) {
-      throw Failure(ExitStatus::refused,
-                    source + ':' + std::to_string(number) + ": NAME=VALUE expected: " + escaped(line));
+      throw Failure(ExitStatus::refused, source + ':' + std::to_string(number) +
+                                             ": NAME=VALUE expected: " + escaped(line.substr(0, kExcerpt)));
     }
     auto [name, value] = cut(line);
     assignments.push_back({std::move(name), unescaped(value)});
@@ -93,20 +111,33 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
   return assignments;
 }
 
+/// Not null, and no fraction: as text it may be another than the file has.
+bool isText(const Json::Value& value) {
+  return value.isString() || value.isBool() || value.type() == Json::intValue ||
+         value.type() == Json::uintValue;
+}
+
 std::vector<Assignment> readJson(const std::string& text, const std::string& source) {
-  Json::Value object;
-  if (!propertyservice::json::parse(text, object) || !object.isObject()) {
-    throw Failure(ExitStatus::refused, source + ": no JSON object of names and values");
+  const check::JsonReading reading = check::readJson(text);
+  if (!reading.problems.empty()) {
+    const auto [offset, problem] = reading.problems.front();
+    const auto line = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(offset), '\n');
+    throw Failure(ExitStatus::refused, source + ':' + std::to_string(line) + ": " + problem);
   }
   std::vector<Assignment> assignments;
-  for (auto member = object.begin(); member != object.end(); ++member) {
-    if (!member->isConvertibleTo(Json::stringValue)) {
-      throw Failure(ExitStatus::refused, source + ": the value of " + escaped(member.name()) + " is no text");
+  for (auto member = reading.value.begin(); member != reading.value.end(); ++member) {
+    if (!isText(*member)) {
+      throw Failure(ExitStatus::refused, source + ": the value of " + escaped(member.name()) +
+                                             " must be a text: put it in quotes");
     }
     assignments.push_back({member.name(), member->asString()});
   }
   return assignments;
 }
+
+struct Close {
+  void operator()(std::FILE* stream) const { std::fclose(stream); }
+};
 
 void requireDistinct(const std::vector<Assignment>& assignments, ExitStatus status,
                      const std::string& source) {
@@ -123,8 +154,14 @@ void requireDistinct(const std::vector<Assignment>& assignments, ExitStatus stat
 std::string escaped(std::string_view value) {
   std::string text;
   text.reserve(value.size());
-  for (const char byte : value) {
-    escape(byte, text);
+  for (; !value.empty(); value.remove_prefix(1)) {
+    if (beginsWithTwoByteControl(value)) {
+      appendHex(value.front(), text);
+      value.remove_prefix(1);
+      appendHex(value.front(), text);
+    } else {
+      escape(value.front(), text);
+    }
   }
   return text;
 }
@@ -167,15 +204,21 @@ std::vector<Assignment> readDump(const std::string& text, const std::string& sou
 }
 
 std::vector<Assignment> readDumpFile(const std::string& file) {
-  if (file == "-") {
-    return readDump({std::istreambuf_iterator<char>(std::cin), {}}, "standard input");
+  const bool isInput = file == "-";
+  const std::string source = isInput ? "standard input" : file;
+  const std::unique_ptr<std::FILE, Close> stream(isInput ? stdin : std::fopen(file.c_str(), "r"));
+  std::string text;
+  char part[4096];
+  for (std::size_t bytes = 0; stream && (bytes = std::fread(part, 1, sizeof part, stream.get())) != 0;) {
+    text.append(part, bytes);
   }
-  std::ifstream stream(file, std::ios::binary);
-  const std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (!stream.is_open() || stream.bad()) {
-    throw Failure(ExitStatus::refused, file + ": cannot be read");
+  if (!stream || std::ferror(stream.get()) != 0) {
+    throw Failure(ExitStatus::refused, source + ": " + std::strerror(errno));
   }
-  return readDump(text, file);
+  if (text.starts_with(kByteOrderMark)) {
+    text.erase(0, kByteOrderMark.size());
+  }
+  return readDump(text, source);
 }
 
 std::vector<std::string> splitList(const std::string& text) {

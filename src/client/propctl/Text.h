@@ -8,7 +8,7 @@
 namespace propctl {
 
 /// A value as part of a line: backslash, line feed, carriage return and tab as `\\`, `\n`, `\r` and `\t`,
-/// other control characters as `\xNN`. So a line stays a line, and no value speaks to a terminal.
+/// each byte of other control characters as `\xNN`. So a line stays a line, and no value speaks to a terminal.
 std::string escaped(std::string_view value);
 
 /// The reverse. A backslash before anything else stands for itself.
@@ -26,7 +26,7 @@ struct Assignment {
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
 
 /// What "dump" writes: a line "NAME=VALUE" each, the value escaped; empty lines and lines that begin with "#"
-/// are skipped. Or a JSON object with texts, numbers or booleans. Throws `Failure` with `source` and the
+/// are skipped. Or a JSON object with texts, integers or booleans. Throws `Failure` with `source` and the
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 

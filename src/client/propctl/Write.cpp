@@ -28,8 +28,7 @@ std::string refusal(Status status, const std::string& value, const Columns& prop
 }
 
 /// Writes all, and complains of each that was not taken, in the order in which they were given.
-ExitStatus write(Session& session, const std::vector<Assignment>& assignments, Field field,
-                 std::size_t& written) {
+ExitStatus write(Session& session, const std::vector<Assignment>& assignments, Field field, bool sayHowMany) {
   Values values;
   for (const auto& [name, value] : assignments) {
     values.emplace(name, value);
@@ -38,6 +37,7 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
 
   Output& output = session.output();
   Json::Value outcome(Json::objectValue);
+  std::size_t written = 0;
   bool silent = false;
   bool refused = false;
   for (const auto& [name, value] : assignments) {
@@ -54,6 +54,9 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   }
   if (output.style().json) {
     output.json(outcome);
+  }
+  if (sayHowMany) {
+    output.remark(std::to_string(written) + " of " + std::to_string(assignments.size()) + " written");
   }
   if (silent) {
     session.throwNoAnswer();
@@ -139,18 +142,13 @@ Values valuesMatching(Session& session, const std::string& name) {
 }  // namespace
 
 ExitStatus set(Session& session, const std::vector<Assignment>& assignments, Field field) {
-  std::size_t written = 0;
-  return write(session, assignments, field, written);
+  constexpr bool kSayHowMany = false;
+  return write(session, assignments, field, kSayHowMany);
 }
 
 ExitStatus load(Session& session, const std::vector<Assignment>& assignments, Field field, bool dryRun) {
-  if (dryRun) {
-    return tryOut(session, assignments, field);
-  }
-  std::size_t written = 0;
-  const ExitStatus status = write(session, assignments, field, written);
-  session.output().remark(std::to_string(written) + " of " + std::to_string(assignments.size()) + " written");
-  return status;
+  constexpr bool kSayHowMany = true;
+  return dryRun ? tryOut(session, assignments, field) : write(session, assignments, field, kSayHowMany);
 }
 
 ExitStatus reset(Session& session, const Names& names) {

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <iostream>
@@ -25,22 +26,30 @@ Field toField(const std::string& name) {
 }
 
 /// The arguments in the order that the parser wants, from the last to the first. It would take one in
-/// brackets, which may be a value, for a list: a NUL, which no argument can hold, stands behind it until the
-/// parser is done.
+/// brackets, which may be a value, for a list, and forget a "--" that stands behind a value. So it sees
+/// neither: a NUL, which no argument can hold, stands in front of what is no option until the parser is done.
 std::vector<std::string> toParse(int argc, char** argv) {
-  std::vector<std::string> arguments(std::make_reverse_iterator(argv + argc),
-                                     std::make_reverse_iterator(argv + 1));
-  for (std::string& argument : arguments) {
-    if (argument.starts_with('[') && argument.ends_with(']')) {
-      argument += '\0';
+  std::vector<std::string> arguments;
+  bool optionsEnded = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string argument = argv[i];
+    if (!optionsEnded && argument == "--") {
+      optionsEnded = true;
+      continue;
     }
+    if ((optionsEnded && argument.starts_with('-')) ||
+        (argument.starts_with('[') && argument.ends_with(']'))) {
+      argument.insert(0, 1, '\0');
+    }
+    arguments.push_back(std::move(argument));
   }
+  std::reverse(arguments.begin(), arguments.end());
   return arguments;
 }
 
 void takeAsGiven(std::string& argument) {
-  if (argument.ends_with('\0')) {
-    argument.pop_back();
+  if (argument.starts_with('\0')) {
+    argument.erase(0, 1);
   }
 }
 
@@ -83,7 +92,11 @@ class CommandLine {
       text.erase(text.find_last_not_of('\n') + 1);
       throw Failure(ExitStatus::usage, escaped(text) + "; see propctl --help");
     }
-    takeAsGiven(name_);
+    for (std::string* text : {&name_, &pattern_, &columns_, &device_, &connection_.host, &connection_.user,
+                              &connection_.passwordFile, &connection_.name, &connection_.caFile,
+                              &connection_.certificateFile, &connection_.keyFile}) {
+      takeAsGiven(*text);
+    }
     std::for_each(names_.begin(), names_.end(), takeAsGiven);
     Output output(std::cout, std::cerr,
                   {.json = json_,
@@ -142,13 +155,16 @@ class CommandLine {
         needs.arguments();
         propclient::Options options = toOptions(connection_, needs.timeout);
         const std::vector<std::string> serials = splitList(device_);
+        if (serials.empty() && !device_.empty()) {
+          throw Failure(ExitStatus::usage, "--device: no serial number");
+        }
         if (serials.size() > 1 || (serials.size() == 1 && isSerialPattern(serials.front()))) {
           if (needs.oneDevice) {
             throw Failure(ExitStatus::usage, "this command takes one device at a time");
           }
           return runOnDevices(serials, options, jobs_, output, command);
         }
-        options.device = device_;
+        options.device = serials.empty() ? "" : serials.front();
         Session session(options, output);
         return command(session);
       };
@@ -174,9 +190,7 @@ class CommandLine {
 
     verb = addVerb("list", "A table of properties");
     verb->add_option("PATTERN", pattern_, "Key or pattern [%]")->type_name("");
-    verb->add_option("--columns", columns_, "Columns, separated by commas")
-
-        ->type_name("COLUMN,…");
+    verb->add_option("--columns", columns_, "Columns, separated by commas")->type_name("COLUMN,…");
     verb->add_flag("--changed", onlyChanged_, "Only what differs from its default");
     onSession(verb,
               [this](Session& session) { return list(session, pattern_, splitList(columns_), onlyChanged_); },

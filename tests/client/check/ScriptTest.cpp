@@ -331,6 +331,19 @@ TEST_F(ScriptTest, tellsOfPropertiesThatTheDaemonNeeds) {
                                       IsFinding(0U, kError, "NET.MAC.Address, System.General.Variant.Name")));
 }
 
+TEST_F(ScriptTest, missesWhatIsDeletedAgain) {
+  add("nvminit.sql",
+      kTable + kNeededRows + kCopyDefaults + "DELETE FROM settings WHERE key = 'NVM.Version';\n");
+
+  EXPECT_THAT(findings(), ElementsAre(IsFinding(0U, kError, "\"NVM.Version\" is missing")));
+}
+
+TEST_F(ScriptTest, tellsThatAllPropertiesAreDeletedAgain) {
+  add("nvminit.sql", kTable + kNeededRows + kCopyDefaults + "DELETE FROM settings;\n");
+
+  EXPECT_THAT(findings(), ElementsAre(IsFinding(0U, kError, "puts no property into the table")));
+}
+
 TEST_F(ScriptTest, doesNotMissWhatAFaultyStatementWasToBring) {
   add("nvminit.sql", kTable +
                          "INSERT INTO settings (key value) VALUES ('A.B', '1');\n"

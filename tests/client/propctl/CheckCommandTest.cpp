@@ -33,6 +33,11 @@ TEST_F(PropctlCheck, printsJson) {
   EXPECT_THAT(outcome.output, ::testing::HasSubstr("\"severity\":\"error\""));
 }
 
+TEST_F(PropctlCheck, printsNoControlCharacterOfAFilesName) {
+  EXPECT_EQ(propctl("check $'/nowhere\\e[31m'"),
+            (Outcome{2, "/nowhere\\x1b[31m: error: cannot be read: No such file or directory\n", ""}));
+}
+
 TEST_F(PropctlCheck, endsWithTwoWhenAFileCannotBeRead) {
   EXPECT_EQ(propctl("check /nowhere.sql").status, 2);
 }

@@ -34,7 +34,7 @@ TEST_F(PropctlMaintenance, savesAllSettings) {
 
 TEST_F(PropctlMaintenance, saysThatThereIsNothingToRestore) {
   EXPECT_EQ(propctl("restore"),
-            failed(1, "propctl: restore: DBError: the daemon's store failed; its log says why\n"));
+            failed(1, "propctl: restore: DBError: the daemon's store or backup failed; its log says why\n"));
 }
 
 TEST_F(PropctlMaintenance, writesASystemDump) {

@@ -101,6 +101,25 @@ TEST_F(PropctlReads, listsChosenColumnsInTheirOrder) {
   EXPECT_EQ(propctl("list --columns range_max,key Audio.V%"), printed("10\tAudio.Volume\n"));
 }
 
+TEST_F(PropctlReads, takesAPatternInBracketsAsItIs) {
+  EXPECT_EQ(propctl("list '[a]'"), failed(1, "propctl: [a]: no such property\n"));
+}
+
+TEST_F(PropctlReads, takesASerialNumberWithACommaBehindItForOne) {
+  EXPECT_THAT(propctl("--timeout 0.2 --device D1, ping").errors,
+              ::testing::StartsWith("propctl: no answer from D1 at localhost:1883 within 0.2 s: "));
+}
+
+TEST_F(PropctlReads, takesAPatternOfSerialNumbersInBracketsAsItIs) {
+  EXPECT_EQ(propctl("--device '[12]' ping"),
+            failed(1, "propctl: no device that the central broker knows matches [12]\n"));
+}
+
+TEST_F(PropctlReads, saysThatStateIsNotListed) {
+  EXPECT_EQ(propctl("list State.x"),
+            failed(1, "propctl: State.x: run-time state is not listed; get reads it\n"));
+}
+
 TEST_F(PropctlReads, listsOnlyWhatDiffersFromItsDefault) {
   EXPECT_EQ(propctl("list --changed Audio.%"), printed("Audio.Volume\t5\t4\tuser\n"));
 }

@@ -12,6 +12,11 @@ TEST(Text, escapesWhatWouldBreakALine) {
   EXPECT_EQ(escaped("a\nb\rc\td\\e\x1b\x7f"), "a\\nb\\rc\\td\\\\e\\x1b\\x7f");
 }
 
+TEST(Text, escapesControlCharactersOfTwoBytes) {
+  EXPECT_EQ(escaped("a\xc2\x80z\xc2\x9b\xc2\xa0"), "a\\xc2\\x80z\\xc2\\x9b\xc2\xa0");
+  EXPECT_EQ(unescaped(escaped("\xc2\x9b")), "\xc2\x9b");
+}
+
 TEST(Text, leavesUtf8AsItIs) {
   EXPECT_EQ(escaped("Gr\xc3\xbc\xc3\x9f"), "Gr\xc3\xbc\xc3\x9f");
 }
@@ -52,6 +57,46 @@ TEST(Dump, skipsEmptyLinesAndComments) {
 
 TEST(Dump, takesTheLastLineWithoutALineFeed) {
   EXPECT_THAT(readDump("a=1", "file"), ElementsAre(Assignment{"a", "1"}));
+}
+
+TEST(Dump, takesIntegersAndBooleansOfAnObject) {
+  EXPECT_THAT(
+      readDump(R"({"a":-1,"b":true,"c":18446744073709551615})", "file"),
+      ElementsAre(Assignment{"a", "-1"}, Assignment{"b", "true"}, Assignment{"c", "18446744073709551615"}));
+}
+
+TEST(Dump, refusesAFractionWhoseTextWouldBeAnother) {
+  EXPECT_THROW(readDump(R"({"a":0.1})", "file"), Failure);
+}
+
+TEST(Dump, refusesNull) {
+  EXPECT_THROW(readDump(R"({"a":null})", "file"), Failure);
+}
+
+TEST(Dump, refusesAMemberThatIsThereTwice) {
+  EXPECT_THROW(readDump(R"({"a":"1","a":"2"})", "file"), Failure);
+}
+
+TEST(Dump, refusesASecondObject) {
+  EXPECT_THROW(readDump("{\"a\":\"1\"}\n{\"b\":\"2\"}\n", "file"), Failure);
+}
+
+TEST(Dump, namesTheLineOfWhatIsNoJson) {
+  try {
+    readDump("{\"a\":\"1\",\n\"b\":}", "file");
+    FAIL();
+  } catch (const Failure& failure) {
+    EXPECT_THAT(failure.what(), ::testing::StartsWith("file:2: is no JSON: "));
+  }
+}
+
+TEST(Dump, showsTheBeginningOfALineThatIsTooLongToRead) {
+  try {
+    readDump(std::string(10'000, 'a'), "file");
+    FAIL();
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.what(), "file:1: NAME=VALUE expected: " + std::string(80, 'a'));
+  }
 }
 
 TEST(Dump, refusesANameThatIsThereTwice) {

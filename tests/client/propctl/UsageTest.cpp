@@ -51,6 +51,7 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"--name a/b ping", "no name for a sender"},
         Misuse{"--cert x ping", "--cert and --key go with --cafile"},
         Misuse{"--device a/b ping", "no serial number"},
+        Misuse{"--device , ping", "--device: no serial number"},
         Misuse{"--device A,B watch", "this command takes one device at a time"},
         Misuse{"ping ping", "The following argument was not expected"},
         Misuse{"$'get\\n' x", "The following arguments were not expected"}));
@@ -64,6 +65,11 @@ TEST_F(Propctl, takesOptionsBeforeAndBehindTheCommand) {
 
   EXPECT_EQ(propctl("--port 1 ping"), failed(3, refused));
   EXPECT_EQ(propctl("ping --port 1"), failed(3, refused));
+}
+
+TEST_F(Propctl, takesAnOptionInBracketsAsItIs) {
+  EXPECT_THAT(propctl("ping --host '[::1]'").errors,
+              StartsWith("propctl: no connection to the broker at [::1]:1883: "));
 }
 
 TEST_F(Propctl, prefersAnOptionToTheEnvironment) {

@@ -65,6 +65,12 @@ TEST_F(PropctlWrites, takesAValueThatLooksLikeAnOption) {
   EXPECT_EQ(device_.getValue("Audio.Ringtone"), "--json");
 }
 
+TEST_F(PropctlWrites, takesAValueThatLooksLikeAnOptionBehindTheKey) {
+  EXPECT_EQ(propctl("set Audio.Ringtone -- --quiet"), printed(""));
+
+  EXPECT_EQ(device_.getValue("Audio.Ringtone"), "--quiet");
+}
+
 TEST_F(PropctlWrites, writesByWebName) {
   EXPECT_EQ(propctl("set --by web volume=7"), printed(""));
 
@@ -175,10 +181,33 @@ TEST_F(PropctlWrites, loadsWhatItHasDumped) {
   EXPECT_EQ(device_.getValue("Audio.Volume"), "9");
 }
 
+TEST_F(PropctlWrites, loadsAFileThatBeginsWithAByteOrderMark) {
+  EXPECT_EQ(shell("printf '\\xef\\xbb\\xbfP_VOLUME=9\\n' | propctl --quiet load -"), printed(""));
+
+  EXPECT_EQ(device_.getValue("Audio.Volume"), "9");
+}
+
+TEST_F(PropctlWrites, refusesToLoadADirectory) {
+  EXPECT_EQ(propctl("load /"), failed(1, "propctl: /: Is a directory\n"));
+}
+
+TEST_F(PropctlWrites, doesNotTakeAClosedStandardInputForAnEmptyDump) {
+  EXPECT_EQ(propctl("load - <&-"), failed(1, "propctl: standard input: Bad file descriptor\n"));
+}
+
 TEST_F(PropctlWrites, loadsJson) {
   EXPECT_EQ(shell("propctl --quiet load --by key <(echo '{\"Audio.Volume\":\"9\"}')"), printed(""));
 
   EXPECT_EQ(device_.getValue("Audio.Volume"), "9");
+}
+
+TEST_F(PropctlWrites, tellsHowManyAreWrittenWhenNoAnswerComes) {
+  device_.stop();
+
+  const Outcome outcome = shell("echo P_VOLUME=9 | propctl --timeout 0.2 load -");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, ::testing::StartsWith("0 of 1 written\npropctl: no answer from "));
 }
 
 TEST_F(PropctlWrites, triesAFileWithoutWriting) {
@@ -223,7 +252,7 @@ TEST_F(PropctlWrites, tellsTheLineOfAFileThatIsNoAssignment) {
 }
 
 TEST_F(PropctlWrites, saysThatAFileCannotBeRead) {
-  EXPECT_EQ(propctl("load /nowhere"), failed(1, "propctl: /nowhere: cannot be read\n"));
+  EXPECT_EQ(propctl("load /nowhere"), failed(1, "propctl: /nowhere: No such file or directory\n"));
 }
 
 }  // namespace
