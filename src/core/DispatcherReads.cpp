@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/JSONDefinitions.h"
@@ -34,10 +35,20 @@ void dropEmptyValue(Property& property) {
   }
 }
 
+void appendObject(std::string& text, const Property& property) {
+  json::ObjectText object;
+  for (const auto& [name, value] : property.members()) {
+    object.add(name, value);
+  }
+  text += object.finish();
+  text.pop_back();  // its line feed
+}
+
 }  // namespace
 
 Property Dispatcher::requestedProperty(const Json::Value& request) {
   Property property;
+  property.reserve(2);
   const std::string name = request[PROPERTY_PARAM].asString();
   const std::string field = request[PROPERTY_FIELD].asString();
   if (field.empty()) {
@@ -64,16 +75,22 @@ std::string Dispatcher::getColumns(const Json::Value& request) {
   std::vector<Property> properties = database_->getMultiple(
       pattern, splitColumns(request[PROPERTY_FIELDS].asString()), request[PROPERTY_FIELD].asString());
 
-  Json::Value response;
-  response[Json::StaticString(PROPERTY_PARAM)] = pattern;
-  response[Json::StaticString(PROPERTY_STATUS)] = Json::nullValue;
+  json::ObjectText response;
+  response.addText(PROPERTY_PARAM, pattern);
+  if (properties.empty()) {
+    return response.add(PROPERTY_STATUS, Json::nullValue).finish();
+  }
+  std::string result;
+  std::string_view status;
   for (Property& property : properties) {
     reply::warnIfNotFound(property);
     dropEmptyValue(property);
-    response[Json::StaticString(PROPERTY_RESULT)].append(property.json());
-    response[Json::StaticString(PROPERTY_STATUS)] = std::string(reply::statusText(property.status()));
+    result += result.empty() ? '[' : ',';
+    appendObject(result, property);
+    status = reply::statusText(property.status());
   }
-  return json::write(response);
+  result += ']';
+  return response.addWritten(PROPERTY_RESULT, result).addText(PROPERTY_STATUS, status).finish();
 }
 
 std::string Dispatcher::getProvisioningDump() {

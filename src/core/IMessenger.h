@@ -23,8 +23,8 @@ class IMessenger {
   /// Announces each changed property to its group, then all of them in one message on the all-changes topic.
   virtual void notifyList(std::vector<Property>& properties) = 0;
 
-  virtual void publishGroup(const std::string& group, const std::string& payload) = 0;
-  virtual void publishAll(const std::string& payload) = 0;
+  virtual void publishGroup(const std::string& group, std::string payload) = 0;
+  virtual void publishAll(std::string payload) = 0;
 };
 
 }  // namespace propertyservice

@@ -17,16 +17,23 @@ bool parse(const std::string& text, Json::Value& value);
 std::string write(const Json::Value& value);
 
 /// One object as text, byte for byte what `write` makes of it, without building it first.
-/// REQUIRES: at least one member; members come in the ascending order of their names.
+/// REQUIRES: members come in the ascending order of their names.
 class ObjectText {
  public:
+  ObjectText() { text_.reserve(kUsualBytes); }
+
   ObjectText& addText(std::string_view name, std::string_view text);
   ObjectText& add(std::string_view name, const Json::Value& value);
+
+  /// Adds a value that is JSON text already, without its line feed.
+  ObjectText& addWritten(std::string_view name, std::string_view json);
 
   /// The whole text. To be called once, at the end.
   std::string finish();
 
  private:
+  static constexpr std::size_t kUsualBytes = 128;
+
   void beginMember(std::string_view name);
 
   std::string text_;

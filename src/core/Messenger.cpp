@@ -59,13 +59,13 @@ void Messenger::notifyList(std::vector<Property>& properties) {
   }
 }
 
-void Messenger::publishGroup(const std::string& group, const std::string& payload) {
-  queue_->push({topic::changes(group), payload});
+void Messenger::publishGroup(const std::string& group, std::string payload) {
+  queue_->push({topic::changes(group), std::move(payload)});
 }
 
-void Messenger::publishAll(const std::string& payload) {
+void Messenger::publishAll(std::string payload) {
   static const std::string kTopic = topic::changes(topic::kAllGroups);
-  queue_->push({kTopic, payload});
+  queue_->push({kTopic, std::move(payload)});
 }
 
 void Messenger::publish(const Message& message) const {

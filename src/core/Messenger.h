@@ -22,8 +22,8 @@ class Messenger final : public IMessenger {
 
   std::pair<std::string, Json::Value> notify(Property& property, bool alsoAll) override;
   void notifyList(std::vector<Property>& properties) override;
-  void publishGroup(const std::string& group, const std::string& payload) override;
-  void publishAll(const std::string& payload) override;
+  void publishGroup(const std::string& group, std::string payload) override;
+  void publishAll(std::string payload) override;
 
  private:
   using Message = std::pair<std::string, std::string>;  // topic, payload

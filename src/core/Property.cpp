@@ -11,16 +11,6 @@ namespace propertyservice {
 
 namespace {
 
-/// A member name with the life of the program is neither copied into the object nor again with each copy of
-/// it.
-Json::Value& memberFor(Json::Value& object, std::string_view column) {
-  const auto known = std::find(column::kAll.begin(), column::kAll.end(), column);
-  if (known != column::kAll.end()) {
-    return object[Json::StaticString(known->data())];
-  }
-  return object[std::string(column)];
-}
-
 bool isIntegerColumn(std::string_view column) {
   return std::find(column::kInteger.begin(), column::kInteger.end(), column) != column::kInteger.end();
 }
@@ -39,23 +29,47 @@ Property::Property(Columns columns) {
 
 Property Property::fromJson(Json::Value json) {
   Property property;
-  if (json.isObject()) {
-    property.json_ = std::move(json);
+  if (!json.isObject()) {
+    return property;
+  }
+  property.isObject_ = true;
+  for (auto member = json.begin(); member != json.end(); ++member) {
+    property.members_.emplace_back(member.name(), std::move(*member));
   }
   return property;
 }
 
 const Json::Value& Property::member(std::string_view column) const {
-  const Json::Value* found = json_.find(column.data(), column.data() + column.size());
-  return found != nullptr ? *found : Json::Value::nullSingleton();
+  const auto found = std::ranges::find(members_, column, &Member::first);
+  return found != members_.end() ? found->second : Json::Value::nullSingleton();
 }
 
 void Property::set(std::string_view column, Json::Value value) {
-  memberFor(json_, column) = std::move(value);
+  isObject_ = true;
+  const auto place = std::ranges::lower_bound(members_, column, {}, &Member::first);
+  if (place != members_.end() && place->first == column) {
+    place->second = std::move(value);
+  } else {
+    members_.emplace(place, column, std::move(value));
+  }
 }
 
 void Property::remove(std::string_view column) {
-  json_.removeMember(column.data(), column.data() + column.size(), nullptr);
+  std::erase_if(members_, [column](const Member& member) { return member.first == column; });
+}
+
+void Property::keepOnly(const std::vector<std::string>& columns) {
+  std::erase_if(members_, [&columns](const Member& member) {
+    return std::find(columns.begin(), columns.end(), member.first) == columns.end();
+  });
+}
+
+Json::Value Property::json() const {
+  Json::Value json(isObject_ ? Json::objectValue : Json::nullValue);
+  for (const auto& [name, value] : members_) {
+    json[name] = value;
+  }
+  return json;
 }
 
 }  // namespace propertyservice

@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include <json/value.h>
 
@@ -22,6 +23,7 @@ namespace propertyservice {
 class Property {
  public:
   using Columns = std::initializer_list<std::pair<std::string_view, std::string>>;
+  using Member = std::pair<std::string, Json::Value>;
 
   /// No member, JSON null, status `Ok`.
   Property() = default;
@@ -45,22 +47,29 @@ class Property {
   std::string text(std::string_view column) const { return member(column).asString(); }
 
   void set(std::string_view column, Json::Value value);
+
+  /// Makes room for so many members, so that they need not be moved as they become more.
+  void reserve(std::size_t members) { members_.reserve(members); }
   void remove(std::string_view column);
 
-  /// The whole object; null while there is no member.
-  Json::Value json() const { return json_; }
+  /// Removes all members but those that are named.
+  void keepOnly(const std::vector<std::string>& columns);
 
-  /// The same without a copy. Valid until this property changes.
-  const Json::Value& members() const { return json_; }
+  /// The whole object; null while there has been no member.
+  Json::Value json() const;
+
+  /// The members in the ascending order of their names. Valid until this property changes.
+  const std::vector<Member>& members() const { return members_; }
 
   Status status() const { return status_; }
   void setStatus(Status status) { status_ = status; }
 
   /// Compares the members by name, type and value; the status takes no part.
-  bool operator==(const Property& other) const { return json_ == other.json_; }
+  bool operator==(const Property& other) const { return json() == other.json(); }
 
  private:
-  Json::Value json_;
+  std::vector<Member> members_;  ///< A dozen at most: to go through them is faster than to walk a tree.
+  bool isObject_ = false;
   Status status_ = Status::Ok;
 };
 

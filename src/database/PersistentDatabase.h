@@ -1,6 +1,5 @@
 #pragma once
 
-#include <algorithm>
 #include <memory>
 #include <queue>
 #include <string>
@@ -62,7 +61,9 @@ class PersistentDatabase : public IPersistentDatabase {
                                     const std::string& selector) override {
     std::vector<Property> properties = cache_->getMultiple(keyPattern, selector);
     if (!columns.empty()) {
-      keepColumns(properties, columns);
+      for (Property& property : properties) {
+        property.keepOnly(columns);
+      }
     }
     return properties;
   }
@@ -118,21 +119,11 @@ class PersistentDatabase : public IPersistentDatabase {
 
   void store(Property& property) {
     Property change;
+    change.reserve(2);
     change.set(column::kKey, property.get(column::kKey));
     change.set(column::kValue, property.get(column::kValue));
     writer_->push(std::move(change));
     property.setStatus(Status::Changed);
-  }
-
-  static void keepColumns(std::vector<Property>& properties, const std::vector<std::string>& columns) {
-    for (const std::string_view column : column::kAll) {
-      if (std::find(columns.begin(), columns.end(), column) != columns.end()) {
-        continue;
-      }
-      for (Property& property : properties) {
-        property.remove(column);
-      }
-    }
   }
 
   StoragePtr storage_;

@@ -31,6 +31,8 @@ void copyValue(const Property& from, Property& to) {
 
 void PersistentDatabaseCache::load(std::vector<Property> rows) {
   properties_.reserve(rows.size());
+  byWebui_.reserve(rows.size());
+  byProvisioning_.reserve(rows.size());
   for (Property& row : rows) {
     Property& stored = properties_[row.text(column::kKey)];
     stored = std::move(row);

@@ -97,6 +97,10 @@ std::int64_t integerOf(const Json::Value& member) {
   return member.isInt64() ? member.asInt64() : toInteger(member.asString());
 }
 
+bool isText(std::string_view column) {
+  return std::ranges::find(column::kText, column) != column::kText.end();
+}
+
 void bind(SQLite::Statement& statement, const Property& property) {
   for (const auto& [column, parameter] : kTextParameters) {
     if (const Json::Value& member = property.member(column); !member.isNull()) {
@@ -110,46 +114,50 @@ void bind(SQLite::Statement& statement, const Property& property) {
   }
 }
 
+/// Of a row that has an alias or two and a rule or two.
+constexpr std::size_t kUsualMembers = 8;
+
 /// Reads the rows of a statement that selects all columns.
 class RowReader {
  public:
   explicit RowReader(const SQLite::Statement& statement) : statement_(statement) {
-    for (std::size_t i = 0; i < column::kText.size(); ++i) {
-      textIndexes_[i] = statement.getColumnIndex(column::kText[i].data());
+    for (const std::string_view column : column::kAll) {
+      cells_.push_back({column, isText(column), statement.getColumnIndex(column.data())});
     }
-    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
-      integerIndexes_[i] = statement.getColumnIndex(column::kInteger[i].data());
-    }
+    // In the order of the members of a property, so that each is added behind the one before.
+    std::ranges::sort(cells_, {}, &Cell::column);
   }
 
   void read(Property& property) const {
-    for (std::size_t i = 0; i < column::kText.size(); ++i) {
-      const SQLite::Column cell = statement_.getColumn(textIndexes_[i]);
-      if (!cell.isNull()) {
-        const char* const text = cell.getText();
-        property.set(column::kText[i], Json::Value(text, text + cell.getBytes()));
-      } else if (column::kText[i] == column::kValue) {
-        property.set(column::kValue, "");
-      }
-    }
-    for (std::size_t i = 0; i < column::kInteger.size(); ++i) {
-      const SQLite::Column cell = statement_.getColumn(integerIndexes_[i]);
-      if (!cell.isNull()) {
-        property.set(column::kInteger[i], Json::Int64{cell.getInt64()});
+    property.reserve(kUsualMembers);
+    for (const auto& [column, isText, index] : cells_) {
+      const SQLite::Column cell = statement_.getColumn(index);
+      if (!isText) {
+        if (!cell.isNull()) {
+          property.set(column, Json::Int64{cell.getInt64()});
+        }
+      } else if (const char* const text = cell.getText(nullptr)) {
+        property.set(column, Json::Value(text, text + cell.getBytes()));
+      } else if (column == column::kValue) {
+        property.set(column, "");
       }
     }
   }
 
  private:
+  struct Cell {
+    std::string_view column;
+    bool isText;
+    int index;
+  };
+
   const SQLite::Statement& statement_;
-  std::array<int, column::kText.size()> textIndexes_;
-  std::array<int, column::kInteger.size()> integerIndexes_;
+  std::vector<Cell> cells_;
 };
 
 /// What `member` is once it has been written to that column and read back.
 Json::Value asStored(std::string_view column, const Json::Value& member) {
-  const bool isText = std::find(column::kText.begin(), column::kText.end(), column) != column::kText.end();
-  return isText ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
+  return isText(column) ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
 }
 
 /// Takes over the members that `property` carries; false when the row holds them all already.
@@ -187,14 +195,25 @@ std::string batchStatement(std::size_t size) {
   return statement.str();
 }
 
+/// Binds the text of the member itself where it can, which has to stay as it is until the statement has run.
+void bindText(SQLite::Statement& statement, int parameter, const Json::Value& member) {
+  const char* begin = nullptr;
+  const char* end = nullptr;
+  if (member.getString(&begin, &end) && std::find(begin, end, '\0') == end) {
+    statement.bindNoCopy(parameter, begin);
+  } else {
+    statement.bind(parameter, member.asString());
+  }
+}
+
 void writeValues(SQLite::Statement& statement, const std::vector<Property>& batch) {
   // Bound by position, which is the order of first appearance: SQLite looks a name up by comparing it with
   // all of them.
   int parameter = 0;
   for (const Property& property : batch) {
     const Json::Value& key = property.member(column::kKey);
-    statement.bind(++parameter, key.asString());
-    statement.bind(++parameter, property.text(column::kValue));
+    bindText(statement, ++parameter, key);
+    bindText(statement, ++parameter, property.member(column::kValue));
     logger().debug() << "Applying updated values for parameter: " << [&] { return json::write(key); };
   }
   statement.exec();

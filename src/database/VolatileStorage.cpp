@@ -138,7 +138,7 @@ void VolatileStorage<Db>::conclude(Property& property, bool written, const char*
   }
   writeFailed_ = database_ != nullptr;
   property.setStatus(Status::DBError);
-  throw VolatileStorageException(complaint + json::write(property.members()) + ")");
+  throw VolatileStorageException(complaint + json::write(property.json()) + ")");
 }
 
 template class VolatileStorage<leveldb::DB>;

@@ -63,5 +63,23 @@ TEST(JsonText, writesAnObjectMemberByMemberAsIfItWereBuilt) {
   }
 }
 
+TEST(JsonText, takesOverTextThatIsJsonAlready) {
+  EXPECT_EQ(json::ObjectText().addWritten("list", "[1,{}]").addText("status", "Ok").finish(),
+            "{\"list\":[1,{}],\"status\":\"Ok\"}\n");
+}
+
+TEST(JsonText, writesAnObjectWithoutMembers) {
+  EXPECT_EQ(json::ObjectText().finish(), json::write(Json::objectValue));
+}
+
+TEST(JsonText, readsOnAfterATextThatTheReaderThrewOn) {
+  Json::Value value;
+  json::parse(std::string(5000, '['), value);
+
+  EXPECT_TRUE(json::parse("{\"key\":\"A\"}", value));
+
+  EXPECT_EQ(value["key"], Json::Value("A"));
+}
+
 }  // namespace
 }  // namespace propertyservice

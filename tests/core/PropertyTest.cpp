@@ -139,6 +139,42 @@ TEST(Property, losesARemovedMember) {
   EXPECT_FALSE(property.json().isMember("value"));
 }
 
+TEST(Property, keepsOnlyTheNamedMembers) {
+  Property property({{"key", "A"}, {"value", "x"}, {"flags", "1"}});
+
+  property.keepOnly({"value", "webui"});
+
+  EXPECT_EQ(property, Property({{"value", "x"}}));
+}
+
+TEST(Property, listsItsMembersInTheOrderOfTheirNames) {
+  const Property property({{"value", "x"}, {"key", "A"}, {"webui", "W"}, {"flags", "1"}});
+
+  std::vector<std::string> names;
+  for (const auto& [name, value] : property.members()) {
+    names.push_back(name);
+  }
+
+  EXPECT_EQ(names, (std::vector<std::string>{"flags", "key", "value", "webui"}));
+}
+
+TEST(Property, staysAnObjectWithoutItsLastMember) {
+  Property property({{"key", "A"}});
+
+  property.remove(column::kKey);
+
+  EXPECT_EQ(property.json(), Json::Value(Json::objectValue));
+}
+
+TEST(Property, keepsTheMembersOfTheObjectItIsBuiltFrom) {
+  Json::Value object;
+  object["key"] = "A";
+  object["flags"] = 3;
+  object["remark"] = "no column";
+
+  EXPECT_EQ(Property::fromJson(object).json(), object);
+}
+
 TEST(Property, hasNoMembersWhenBuiltFromAnythingButAnObject) {
   EXPECT_TRUE(Property::fromJson(Json::Value(Json::arrayValue)).json().isNull());
   EXPECT_TRUE(Property::fromJson(Json::Value("text")).json().isNull());

@@ -7,6 +7,7 @@ Runs the commands, replays the exchanges, and starts the device with the files t
 `script/sandbox --private-network`. Exits with 1 when something comes out otherwise.
 """
 
+import contextlib
 import difflib
 import pathlib
 import re
@@ -48,6 +49,13 @@ class Checker:
         self._followers = []
         self.checks = 0
         self.failures = 0
+        if files:
+            complaints = re.findall(".* (?:error|warning) .*", self._device.log())
+            self._compare(self._blocks[0], "log of the start with these files", [], complaints)
+
+    def close(self):
+        for part in (self._terminal, self._bus, self._device):
+            part.close()
 
     def run(self):
         heading = None
@@ -60,8 +68,6 @@ class Checker:
             elif block.kind == "exchange":
                 self._replay(block)
         self._end_followers()
-        for part in (self._terminal, self._bus, self._device):
-            part.close()
 
     def _run_commands(self, block):
         for command, expected in documents.commands(block):
@@ -104,8 +110,8 @@ class Checker:
 
 def main():
     build_directory, document = (pathlib.Path(argument).resolve() for argument in sys.argv[1:])
-    checker = Checker(document, build_directory)
-    checker.run()
+    with contextlib.closing(Checker(document, build_directory)) as checker:
+        checker.run()
     print(f"{document.name}: {checker.checks} checks, {checker.failures} failures")
     return 1 if checker.failures else 0
 

@@ -56,6 +56,8 @@ class Device:
         self._broker_log.touch()
         self._processes = {}
 
+        # Ordinary users may write in the overlay of /etc, but not in the folders that are root's.
+        subprocess.run(["mount", "-t", "tmpfs", "device", "/etc/mosquitto"], check=True)
         shutil.copytree(ROOT / "device/etc", "/etc", dirs_exist_ok=True)
         if files:
             for folder in ("/etc/propsrv.d", "/etc/nvm.conf.d"):
@@ -102,8 +104,9 @@ class Device:
     def _start_broker(self):
         installed = pathlib.Path("/etc/mosquitto/conf.d/propsrv.conf")
         configuration = self.home / "mosquitto.conf"
-        configuration.write_text((installed.read_text() if installed.exists() else BROKER_CONFIGURATION) + BROKER_ALWAYS)
-        return self._started(["mosquitto", "-c", configuration], self._broker_log, _broker_listens)
+        chosen = installed.read_text() if installed.exists() else BROKER_CONFIGURATION
+        configuration.write_text(chosen + BROKER_ALWAYS)
+        return self._started(["/usr/sbin/mosquitto", "-c", configuration], self._broker_log, _broker_listens)
 
     def _start_daemon(self):
         def subscriptions():
@@ -133,7 +136,7 @@ class Device:
                 with connection, connection.makefile("rw") as line:
                     line.write(self._manage(*line.readline().split()))
 
-        # Of a thread that ends the processes would end with it: it never does.
+        # For good, since what a thread has started ends with it.
         threading.Thread(target=serve, daemon=True).start()
 
     def _manage(self, verb, *services):

@@ -10,6 +10,7 @@ import signal
 import subprocess
 import sys
 import unittest
+import urllib.request
 
 from documents import ROOT
 
@@ -18,21 +19,28 @@ if os.geteuid() != 0:
     UNSHARE += ["--user", "--map-root-user"]
 
 
+DEVICE = ROOT / "build/device"
+
+
 def isolate():
-    device = ROOT / "build/device"
     for command in (["ip", "link", "set", "lo", "up"],
                     ["mount", "-t", "tmpfs", "tree", "/mnt"],
                     ["mkdir", "/mnt/upper", "/mnt/work"],
-                    ["mount", "-t", "overlay", "-o", f"lowerdir={ROOT},upperdir=/mnt/upper,workdir=/mnt/work", "tree", ROOT],
-                    ["mkdir", "-p", device],
-                    ["mount", "-t", "tmpfs", "device", device]):
+                    ["mount", "-t", "overlay", "-o", f"lowerdir={ROOT},upperdir=/mnt/upper,workdir=/mnt/work", "tree",
+                     ROOT],
+                    ["mkdir", "-p", DEVICE],
+                    ["mount", "-t", "tmpfs", "device", DEVICE]):
         subprocess.run(command, check=True)
     os.chdir(ROOT)
 
 
 class Run(unittest.TestCase):
+    command = ["script/run"]
+
     def setUp(self):
-        self.run = subprocess.Popen(["script/run"], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        for entry in DEVICE.iterdir():
+            subprocess.run(["rm", "-rf", entry], check=True)
+        self.run = subprocess.Popen(self.command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.said = ""
         while "script/run --" not in self.said:
             line = self.run.stdout.readline()
@@ -53,6 +61,11 @@ class Run(unittest.TestCase):
         self.assertEqual(answers[1], '{"param":"Audio.Volume","status":"Ok"}\n\n')
         self.assertIn("Audio.Volume|7\n", answers[2])
 
+    def test_has_built_the_command_line_that_the_readme_uses(self):
+        answer = subprocess.check_output(["build/release/propctl", "get", "Audio.Volume"], text=True)
+
+        self.assertEqual(answer, "5\n")
+
     def test_ends_with_everything_at_ctrl_c(self):
         self.run.send_signal(signal.SIGINT)
         self.run.wait(60)
@@ -60,6 +73,18 @@ class Run(unittest.TestCase):
         self.assertEqual(self.run.returncode, 0)
         sockets = subprocess.run(["ss", "--no-header", "--tcp", "--listening"], check=True, capture_output=True)
         self.assertEqual(sockets.stdout, b"")
+
+
+class RunWithPage(Run):
+    command = ["script/run", "--web"]
+
+    def test_prints_the_address_of_the_page(self):
+        while "The page: " not in self.said:
+            self.said += self.run.stdout.readline()
+        address = re.search(r"The page: (http://\S+)", self.said).group(1)
+
+        with urllib.request.urlopen(address, timeout=20) as page:
+            self.assertIn(b"<title>", page.read())
 
 
 if __name__ == "__main__":

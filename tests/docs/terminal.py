@@ -1,12 +1,12 @@
 """A terminal on the device: what a person types, and what is seen then."""
 
+import fcntl
 import os
 import pty
 import re
 import select
 import signal
 import struct
-import fcntl
 import subprocess
 import termios
 import time

@@ -28,11 +28,11 @@ class FakeMessenger : public IMessenger {
     }
   }
 
-  void publishGroup(const std::string& group, const std::string& payload) override {
+  void publishGroup(const std::string& group, std::string payload) override {
     payloads.push_back(group + " " + payload);
   }
 
-  void publishAll(const std::string& payload) override { payloads.push_back(payload); }
+  void publishAll(std::string payload) override { payloads.push_back(std::move(payload)); }
 
  private:
   static std::pair<std::string, Json::Value> announce(Property& property) {

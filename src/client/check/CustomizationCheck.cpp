@@ -248,7 +248,10 @@ class EntryApplier {
       findings_.error(source_, entry.line, inQuotes(key) + ": " + error.what() + kEndsStart);
       return;
     }
-    compare(*before, *row(key), entry);
+    // A trigger of the script may have taken it away.
+    if (const std::optional<Property> after = row(key)) {
+      compare(*before, *after, entry);
+    }
   }
 
   void compare(const Property& before, const Property& after, const Entry& entry) {
@@ -323,6 +326,18 @@ void checkName(const Source& source, Findings& findings) {
   }
 }
 
+void apply(const Script& script, const Source& source, const std::vector<Entry>& entries,
+           Findings& findings) {
+  EntryApplier applier(script, source, findings);
+  if (isCommon(source)) {
+    applier.apply(entries);
+    return;
+  }
+  script.database->exec("SAVEPOINT model");
+  applier.apply(entries);
+  script.database->exec("ROLLBACK TO model; RELEASE model");
+}
+
 }  // namespace
 
 void checkCustomizations(const std::vector<const Source*>& sources, const Script* script,
@@ -337,14 +352,11 @@ void checkCustomizations(const std::vector<const Source*>& sources, const Script
   }
   std::stable_partition(files.begin(), files.end(), [](const auto& file) { return isCommon(*file.first); });
   for (const auto& [source, entries] : files) {
-    EntryApplier applier(*script, *source, findings);
-    if (isCommon(*source)) {
-      applier.apply(entries);
-      continue;
+    try {
+      apply(*script, *source, entries, findings);
+    } catch (const std::exception& error) {
+      findings.error(*source, 0, std::string("cannot be applied: ") + error.what());
     }
-    script->database->exec("SAVEPOINT model");
-    applier.apply(entries);
-    script->database->exec("ROLLBACK TO model; RELEASE model");
   }
 }
 

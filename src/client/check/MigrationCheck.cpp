@@ -319,7 +319,7 @@ class ScriptComparer {
     if (script_.has(rename.oldKey) && !later.contains(rename.oldKey)) {
       findings_.error(*step.source, rename.line,
                       "the database script still has the old key " + inQuotes(rename.oldKey) + " (line " +
-                          std::to_string(script_.lines.at(rename.oldKey)) +
+                          std::to_string(script_.lineOf(rename.oldKey)) +
                           "): it loses its value to the new one when a backup is restored");
     }
   }
@@ -342,7 +342,7 @@ class ScriptComparer {
           *last.source, 0,
           says + ": this step is never carried out until it is raised to " + std::to_string(last.number));
     } else if (version > last.number) {
-      findings_.error(scriptSource_, script_.lines.at(kVersionKey),
+      findings_.error(scriptSource_, script_.lineOf(kVersionKey),
                       says + ", but " + listOfFiles(last.number + 1, version) +
                           " missing: the values of renamed keys are lost, and each restore logs an error");
     }

@@ -24,6 +24,7 @@ constexpr int kOperationsPerLook = 100'000;
 constexpr int kMostLooks = 500;
 constexpr std::size_t kMostFailures = 1000;
 constexpr sqlite3_int64 kMostMemory = 256 << 20;
+constexpr const char* kNote = "propctl_note";
 constexpr const char* kForgetTrigger = "DROP TRIGGER IF EXISTS temp.propctl_note";
 
 /// What only the shell that runs the script on the device has.
@@ -74,23 +75,27 @@ class Runner {
     sqlite3_exec(database_, "PRAGMA temp_store = MEMORY", nullptr, nullptr, nullptr);
     sqlite3_limit(database_, SQLITE_LIMIT_LENGTH, kLongestCell);
     sqlite3_set_authorizer(database_, &Runner::authorize, this);
-    sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, this);
-    sqlite3_create_function(database_, "propctl_note", 5, SQLITE_UTF8, this, &Runner::noteRow, nullptr,
-                            nullptr);
+    sqlite3_progress_handler(database_, kOperationsPerLook, &Runner::lookAtTime, script_.looks.get());
+    sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, this, &Runner::noteRow, nullptr, nullptr);
   }
 
   Script run() && {
+    runAll();
+    finish();
+    return std::move(script_);
+  }
+
+ private:
+  void runAll() {
+    const MemoryLimit limit;
     for (std::size_t at = skipSqlBlanks(sql_, 0); at < sql_.size() && !stopped_;
          at = skipSqlBlanks(sql_, at)) {
       const bool atLineStart = at == 0 || sql_[at - 1] == '\n';
       const bool forShell = atLineStart && (sql_[at] == '.' || sql_[at] == '#');
       at = forShell ? runShellLine(at) : runStatement(at);
     }
-    finish();
-    return std::move(script_);
   }
 
- private:
   static int authorize(void* self, int action, const char* first, const char* second,
                        const char* /*database*/, const char* trigger) {
     const auto text = [](const char* argument) {
@@ -99,11 +104,7 @@ class Runner {
     return static_cast<Runner*>(self)->allow(action, text(first), text(second), trigger != nullptr);
   }
 
-  static int lookAtTime(void* self) {
-    auto* const runner = static_cast<Runner*>(self);
-    runner->stopped_ = ++runner->looks_ > kMostLooks;
-    return runner->stopped_ ? 1 : 0;
-  }
+  static int lookAtTime(void* looks) { return ++*static_cast<int*>(looks) > kMostLooks ? 1 : 0; }
 
   /// Arguments: key, its length, the length of value and default, and whether the key is there already.
   static void noteRow(sqlite3_context* context, int /*count*/, sqlite3_value** arguments) {
@@ -276,7 +277,8 @@ class Runner {
       skipping_ = false;
     }
     keepNoted(at, end, refused);
-    if (looks_ > kMostLooks) {
+    if (*script_.looks > kMostLooks) {
+      stopped_ = true;
       fail(line, "takes too long: the device gives the whole script ten seconds");
     } else if (status != SQLITE_DONE) {
       reportFailure(line, sqlite3_errmsg(database_));
@@ -344,13 +346,15 @@ class Runner {
 
   void finish() {
     sqlite3_set_authorizer(database_, nullptr, nullptr);
-    sqlite3_progress_handler(database_, 0, nullptr, nullptr);
+    *script_.looks = 0;
     if (sqlite3_get_autocommit(database_) == 0) {
       findings_.error(source_, beginLine_,
                       "the transaction that begins here is never committed: nothing of it reaches the table");
       sqlite3_exec(database_, "COMMIT", nullptr, nullptr, nullptr);
     }
     sqlite3_exec(database_, kForgetTrigger, nullptr, nullptr, nullptr);
+    // The script may have made triggers that call it.
+    sqlite3_create_function(database_, kNote, 5, SQLITE_UTF8, nullptr, nullptr, nullptr, nullptr);
     script_.readable = checkSchema(database_, source_, tableLine_, findings_);
   }
 
@@ -371,7 +375,6 @@ class Runner {
   std::size_t beginLine_ = 0;
   std::size_t tableLine_ = 0;
   std::size_t failures_ = 0;
-  int looks_ = 0;
   bool stopped_ = false;
 };
 
@@ -385,7 +388,6 @@ Script runScript(const Source& source, Findings& findings) {
     nothing.complete = false;
     return nothing;
   }
-  const MemoryLimit limit;
   return Runner(source, findings).run();
 }
 

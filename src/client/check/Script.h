@@ -16,6 +16,9 @@ namespace check {
 
 /// What a database script makes, in memory.
 struct Script {
+  /// How much SQLite has worked on it; it stops when that is too much. Outlives the database.
+  std::shared_ptr<int> looks = std::make_shared<int>(0);
+
   std::shared_ptr<SQLite::Database> database;
 
   /// The line of each key that the script means to insert, also of those the table refuses.
@@ -28,6 +31,12 @@ struct Script {
   bool complete = true;
 
   bool has(const std::string& key) const { return lines.contains(key); }
+
+  /// 0 for a key that came in by ways that cannot be followed.
+  std::size_t lineOf(const std::string& key) const {
+    const auto found = lines.find(key);
+    return found == lines.end() ? 0 : found->second;
+  }
 };
 
 /// Runs the script as the device's shell does, on a database in memory, and tells about its statements and

@@ -85,12 +85,7 @@ class RowChecker {
   }
 
  private:
-  std::size_t lineOf(const Property& row) const { return lineOf(row.text(column::kKey)); }
-
-  std::size_t lineOf(const std::string& key) const {
-    const auto found = script_.lines.find(key);
-    return found == script_.lines.end() ? 0 : found->second;
-  }
+  std::size_t lineOf(const Property& row) const { return script_.lineOf(row.text(column::kKey)); }
 
   /// Cells of the integer columns that hold something else.
   void checkKinds() {
@@ -98,7 +93,7 @@ class RowChecker {
     while (statement.executeStep()) {
       const std::string key = statement.getColumn(0).getString();
       const std::string name = statement.getColumn(1).getString();
-      findings_.error(source_, lineOf(key),
+      findings_.error(source_, script_.lineOf(key),
                       inQuotes(key) + ": \"" + name + "\" is " +
                           inQuotes(statement.getColumn(2).getString()) + " and no integer: it counts as " +
                           statement.getColumn(3).getString() + "; write NULL for none");

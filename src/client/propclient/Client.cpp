@@ -1,11 +1,10 @@
 #include "propclient/Client.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <csignal>
+#include <cstdint>
 #include <future>
 #include <iterator>
-#include <mutex>
 #include <poll.h>
 #include <random>
 #include <set>
@@ -23,8 +22,6 @@ namespace propclient {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 std::string randomText() {
   std::random_device random;
   std::string text;
@@ -41,10 +38,6 @@ std::string ownName() {
   std::replace_if(
       name.begin(), name.end(), [](char byte) { return byte == '/' || byte == '+' || byte == '#'; }, '-');
   return name;
-}
-
-bool isTopicLevel(const std::string& text) {
-  return !text.empty() && text.find_first_of(std::string("/+#\0", 4)) == std::string::npos;
 }
 
 /// Fills what was left to the client. Throws `std::invalid_argument`.
@@ -83,17 +76,12 @@ void blockSignals() {
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
 }
 
-int pollTimeoutMs(const std::optional<Clock::time_point>& until) {
+int pollTimeoutMs(const Deadline& until) {
   if (!until) {
     return -1;
   }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - Clock::now());
   return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
-std::optional<Clock::time_point> earlier(const std::optional<Clock::time_point>& a,
-                                         const std::optional<Clock::time_point>& b) {
-  return a && b ? std::min(*a, *b) : a ? a : b;
 }
 
 }  // namespace
@@ -138,7 +126,7 @@ class Client::Impl final : public TransportListener {
   // Of the own thread.
   Connection connection_;
   Session session_;
-  std::shared_ptr<std::promise<Outcome>> connecting_;
+  std::vector<std::shared_ptr<std::promise<Outcome>>> connecting_;  ///< Calls of `connect` that wait.
   bool stopping_ = false;
 
   std::thread thread_;  ///< Last: it uses all of the above.
@@ -164,7 +152,7 @@ void Client::Impl::connect() {
       outcome->set_value(std::nullopt);
       return;
     }
-    connecting_ = outcome;
+    connecting_.push_back(outcome);
     connection_.open();
   });
   if (const Outcome failure = outcome->get_future().get()) {
@@ -200,12 +188,12 @@ void Client::Impl::unwatch() {
     session_.unwatch();
     return;
   }
-  std::promise<void> done;
-  inbox_.put([this, &done] {
+  const auto done = std::make_shared<std::promise<void>>();
+  inbox_.put([this, done] {
     session_.unwatch();
-    done.set_value();
+    done->set_value();
   });
-  done.get_future().wait();
+  done->get_future().wait();
 }
 
 void Client::Impl::refuseOnOwnThread() const {
@@ -224,7 +212,7 @@ void Client::Impl::failed(const std::string& reason) {
 }
 
 void Client::Impl::answerConnect(const Outcome& failure) {
-  if (const auto connecting = std::exchange(connecting_, nullptr)) {
+  for (const auto& connecting : std::exchange(connecting_, {})) {
     connecting->set_value(failure);
   }
 }

@@ -101,6 +101,12 @@ void setTls(mosquitto* library, const Tls& tls) {
 
 }  // namespace
 
+bool isTopicLevel(const std::string& text) {
+  constexpr std::size_t kLongest = 256;
+  return !text.empty() && text.size() <= kLongest && text.find_first_of("/+#") == std::string::npos &&
+         mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
+}
+
 void Connection::Destroy::operator()(mosquitto* library) const {
   mosquitto_destroy(library);
 }
@@ -132,12 +138,8 @@ void Connection::publish(const std::string& topic, const std::string& payload) {
   if (state_ != State::open) {
     return;
   }
-  const int error =
-      mosquitto_publish(library_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                        payload.data(), kQosOfRequests, false);
-  if (error != MOSQ_ERR_SUCCESS) {
-    failure_ = describe(error);
-  }
+  check(mosquitto_publish(library_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                          payload.data(), kQosOfRequests, false));
 }
 
 void Connection::subscribe(const std::vector<std::string>& topics) {
@@ -165,7 +167,7 @@ short Connection::awaitedEvents() const {
   return library_ && mosquitto_want_write(library_.get()) ? POLLIN | POLLOUT : POLLIN;
 }
 
-std::optional<Connection::Clock::time_point> Connection::nextTurn() const {
+Deadline Connection::nextTurn() const {
   if (!failure_.empty()) {
     return Clock::now();
   }
@@ -197,20 +199,21 @@ void Connection::serve(short events) {
   if (state_ == State::attempting && (events & (POLLERR | POLLHUP)) != 0) {
     failure_ = socketError(socket());
   }
-  int error = MOSQ_ERR_SUCCESS;
   if (failure_.empty() && (events & ~POLLOUT) != 0) {
-    error = mosquitto_loop_read(library_.get(), kPackets);
-    if (error == MOSQ_ERR_SUCCESS) {
-      acknowledgeAtOnce(socket());
-    }
+    check(mosquitto_loop_read(library_.get(), kPackets));
+    acknowledgeAtOnce(socket());
+    handleNoted();
   }
-  if (failure_.empty() && error == MOSQ_ERR_SUCCESS) {
-    error = mosquitto_loop_misc(library_.get());
+  if (failure_.empty()) {
+    check(mosquitto_loop_misc(library_.get()));
   }
-  if (failure_.empty() && error == MOSQ_ERR_SUCCESS && mosquitto_want_write(library_.get())) {
-    error = mosquitto_loop_write(library_.get(), kPackets);
+  if (failure_.empty() && mosquitto_want_write(library_.get())) {
+    check(mosquitto_loop_write(library_.get(), kPackets));
   }
-  if (failure_.empty() && error != MOSQ_ERR_SUCCESS) {
+}
+
+void Connection::check(int error) {
+  if (error != MOSQ_ERR_SUCCESS && failure_.empty()) {
     failure_ = describe(error);
   }
 }
@@ -230,15 +233,18 @@ Connection::Library Connection::makeLibrary() {
   mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
 
-  mosquitto_connect_callback_set(
-      raw, [](mosquitto*, void* self, int answer) { static_cast<Connection*>(self)->onConnect(answer); });
+  mosquitto_connect_callback_set(raw, [](mosquitto*, void* self, int answer) {
+    auto& connection = *static_cast<Connection*>(self);
+    connection.acceptedNoted_ = answer == 0;
+    connection.failure_ = answer == 0 ? "" : mosquitto_connack_string(answer);
+  });
   mosquitto_subscribe_callback_set(raw, [](mosquitto*, void* self, int id, int count, const int* granted) {
-    static_cast<Connection*>(self)->onSubscribed(id, count == 1 && granted[0] <= 2);
+    static_cast<Connection*>(self)->noteSubscribed(id, count == 1 && granted[0] <= 2);
   });
   mosquitto_message_callback_set(raw, [](mosquitto*, void* self, const mosquitto_message* message) {
-    static_cast<Connection*>(self)->listener_.received(
-        message->topic, std::string(static_cast<const char*>(message->payload),
-                                    static_cast<std::size_t>(message->payloadlen)));
+    static_cast<Connection*>(self)->messagesNoted_.push_back(
+        {message->topic, std::string(static_cast<const char*>(message->payload),
+                                     static_cast<std::size_t>(message->payloadlen))});
   });
   return library;
 }
@@ -265,11 +271,8 @@ void Connection::attempt() {
     failure_ = error.what();
     return;
   }
-  const int error =
-      mosquitto_connect_async(library_.get(), addresses_[address_].c_str(), options_.port, kKeepAliveSeconds);
-  if (error != MOSQ_ERR_SUCCESS) {
-    failure_ = describe(error);
-  }
+  check(mosquitto_connect_async(library_.get(), addresses_[address_].c_str(), options_.port,
+                                kKeepAliveSeconds));
 }
 
 void Connection::broke(const std::string& reason) {
@@ -277,6 +280,8 @@ void Connection::broke(const std::string& reason) {
   library_.reset();
   unansweredSubscriptions_.clear();
   refused_.reset();
+  acceptedNoted_ = false;
+  subscribedNoted_ = false;
   if (!wasOpen) {
     nextAddress(reason);
     return;
@@ -310,12 +315,8 @@ void Connection::pause() {
 
 void Connection::request(const std::string& topic) {
   int id = 0;
-  const int error = mosquitto_subscribe(library_.get(), &id, topic.c_str(), kQosOfSubscriptions);
-  if (error == MOSQ_ERR_SUCCESS) {
-    unansweredSubscriptions_[id] = topic;
-  } else {
-    failure_ = describe(error);
-  }
+  check(mosquitto_subscribe(library_.get(), &id, topic.c_str(), kQosOfSubscriptions));
+  unansweredSubscriptions_[id] = topic;
 }
 
 void Connection::write() {
@@ -324,17 +325,7 @@ void Connection::write() {
   }
 }
 
-void Connection::onConnect(int answer) {
-  if (answer != 0) {
-    failure_ = mosquitto_connack_string(answer);
-    return;
-  }
-  for (const std::string& topic : topics_) {
-    request(topic);
-  }
-}
-
-void Connection::onSubscribed(int id, bool granted) {
+void Connection::noteSubscribed(int id, bool granted) {
   const auto subscription = unansweredSubscriptions_.extract(id);
   if (subscription.empty()) {
     return;
@@ -342,9 +333,24 @@ void Connection::onSubscribed(int id, bool granted) {
   if (!granted) {
     refused_ = subscription.mapped();
   }
-  if (!unansweredSubscriptions_.empty()) {
-    return;
+  subscribedNoted_ = unansweredSubscriptions_.empty();
+}
+
+void Connection::handleNoted() {
+  if (std::exchange(acceptedNoted_, false)) {
+    for (const std::string& topic : topics_) {
+      request(topic);
+    }
   }
+  if (std::exchange(subscribedNoted_, false)) {
+    handleSubscribed();
+  }
+  for (const Message& message : std::exchange(messagesNoted_, {})) {
+    listener_.received(message.topic, message.payload);
+  }
+}
+
+void Connection::handleSubscribed() {
   const auto refused = std::exchange(refused_, {});
   if (state_ == State::open) {
     listener_.subscribed(refused);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -9,11 +8,15 @@
 #include <vector>
 
 #include "propclient/Client.h"
+#include "propclient/Clock.h"
 #include "propclient/Transport.h"
 
 struct mosquitto;
 
 namespace propclient {
+
+/// Whether a text can be one level of a topic, and no wildcard.
+bool isTopicLevel(const std::string& text);
 
 /// MQTT to the broker over libmosquitto. Once it was open, a connection that breaks is made again, with
 /// growing pauses, each time as a new client: no message of the one before is sent a second time.
@@ -21,8 +24,6 @@ namespace propclient {
 /// For one thread alone, which waits for `socket` and calls `turn`; there the listener is called.
 class Connection final : public Transport {
  public:
-  using Clock = std::chrono::steady_clock;
-
   Connection(const Options& options, std::string clientId, TransportListener& listener);
   ~Connection() override;
 
@@ -38,7 +39,7 @@ class Connection final : public Transport {
   /// What to wait for: the socket, -1 without one, the events of `poll`, and the time.
   int socket() const;
   short awaitedEvents() const;
-  std::optional<Clock::time_point> nextTurn() const;
+  Deadline nextTurn() const;
 
   /// `events`: what `poll` found.
   void turn(short events);
@@ -55,15 +56,18 @@ class Connection final : public Transport {
   void startRound();
   void attempt();
   void serve(short events);
+  void check(int error);
   void broke(const std::string& reason);
   void nextAddress(const std::string& reason);
   void pause();
   void request(const std::string& topic);
   void write();
 
-  // What libmosquitto reports.
-  void onConnect(int answer);
-  void onSubscribed(int id, bool granted);
+  // What libmosquitto reports is only noted in its callbacks, where it holds locks of its own, and handled
+  // when it has returned.
+  void noteSubscribed(int id, bool granted);
+  void handleNoted();
+  void handleSubscribed();
 
   const Options& options_;
   const std::string clientId_;
@@ -83,6 +87,14 @@ class Connection final : public Transport {
   std::set<std::string> topics_;
   std::map<int, std::string> unansweredSubscriptions_;  ///< By message id.
   std::optional<std::string> refused_;
+
+  struct Message {
+    std::string topic;
+    std::string payload;
+  };
+  bool acceptedNoted_ = false;
+  bool subscribedNoted_ = false;
+  std::vector<Message> messagesNoted_;
 };
 
 }  // namespace propclient

@@ -94,17 +94,14 @@ void Conversation::keepTime(Clock::time_point now) {
   run(deliveries);
 }
 
-std::optional<Conversation::Clock::time_point> Conversation::nextDeadline() const {
-  std::optional<Clock::time_point> next;
+Deadline Conversation::nextDeadline() const {
+  Deadline next;
   for (const Sent& sent : sent_) {
-    if (sent.kind == Sent::Kind::request && (!next || sent.deadline < *next)) {
-      next = sent.deadline;
+    if (sent.kind == Sent::Kind::request) {
+      next = earlier(next, sent.deadline);
     }
   }
-  if (!waiting_.empty() && (!next || waiting_.front().deadline < *next)) {
-    next = waiting_.front().deadline;
-  }
-  return next;
+  return waiting_.empty() ? next : earlier(next, waiting_.front().deadline);
 }
 
 void Conversation::send() {

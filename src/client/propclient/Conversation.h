@@ -1,12 +1,11 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <optional>
 #include <string>
 
+#include "propclient/Clock.h"
 #include "propclient/Request.h"
 
 namespace propclient {
@@ -22,8 +21,6 @@ namespace propclient {
 /// For one thread alone. Callbacks run within these calls; a callback may call `ask`.
 class Conversation {
  public:
-  using Clock = std::chrono::steady_clock;
-
   /// So many requests are sent ahead of their replies; others wait here. More would wait at the broker, which
   /// drops what is too much without a word.
   static constexpr std::size_t kMostUnanswered = 20;
@@ -52,7 +49,7 @@ class Conversation {
   void keepTime(Clock::time_point now);
 
   /// When to call `keepTime`, where there is anything to give up.
-  std::optional<Clock::time_point> nextDeadline() const;
+  Deadline nextDeadline() const;
 
  private:
   struct Waiting {

@@ -11,8 +11,6 @@ namespace propclient {
 
 namespace {
 
-using Clock = Connection::Clock;
-
 std::string serialIn(const std::string& presenceTopic) {
   const std::size_t start = presenceTopic.find('/') + 1;
   return presenceTopic.substr(start, presenceTopic.find('/', start) - start);

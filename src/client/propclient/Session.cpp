@@ -1,6 +1,5 @@
 #include "propclient/Session.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "wire/Names.h"
@@ -93,10 +92,8 @@ void Session::keepTime(Clock::time_point now) {
   }
 }
 
-std::optional<Session::Clock::time_point> Session::nextDeadline() const {
-  const auto answer = conversation_.nextDeadline();
-  const auto reading = watch_ ? watch_->nextDeadline() : std::nullopt;
-  return answer && reading ? std::min(*answer, *reading) : answer ? answer : reading;
+Deadline Session::nextDeadline() const {
+  return earlier(conversation_.nextDeadline(), watch_ ? watch_->nextDeadline() : std::nullopt);
 }
 
 std::vector<std::string> Session::watchedTopics() const {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -29,7 +28,6 @@ struct Topics {
 /// What is asked, answered and watched over one transport. For one thread alone.
 class Session {
  public:
-  using Clock = Conversation::Clock;
   using Done = std::function<void(const std::optional<std::string>& failure)>;
 
   Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText);
@@ -50,7 +48,7 @@ class Session {
   void received(const std::string& topic, const std::string& payload);
 
   void keepTime(Clock::time_point now);
-  std::optional<Clock::time_point> nextDeadline() const;
+  Deadline nextDeadline() const;
 
  private:
   std::vector<std::string> watchedTopics() const;

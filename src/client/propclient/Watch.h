@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <deque>
 #include <functional>
 #include <map>
@@ -9,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "propclient/Clock.h"
 #include "propclient/Request.h"
 
 namespace propclient {
@@ -22,8 +22,6 @@ namespace propclient {
 /// `stop`.
 class Watch : public std::enable_shared_from_this<Watch> {
  public:
-  using Clock = std::chrono::steady_clock;
-
   /// `groups` in lower case; empty: all properties. `ask` sends a request. `ready` is called once, when the
   /// present values are known for the first time.
   Watch(std::set<std::string> groups, std::function<void(const Change&)> tell,
@@ -44,7 +42,7 @@ class Watch : public std::enable_shared_from_this<Watch> {
 
   /// Tries again to read what could not be read.
   void keepTime(Clock::time_point now);
-  std::optional<Clock::time_point> nextDeadline() const { return tryAgainAt_; }
+  Deadline nextDeadline() const { return tryAgainAt_; }
 
  private:
   using Value = std::optional<std::string>;
@@ -81,7 +79,7 @@ class Watch : public std::enable_shared_from_this<Watch> {
   bool open_ = false;
   Reading list_ = Reading::none;  ///< Of all properties but the "State." keys.
   std::map<std::string, Known> known_;
-  std::optional<Clock::time_point> tryAgainAt_;
+  Deadline tryAgainAt_;
 };
 
 }  // namespace propclient

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "client/propctl/Session.h"
+#include "client/propctl/Text.h"
 
 /// The verbs. Each prints what it has to say, and returns or throws (`Failure`) how the program ends. A
 /// property that is refused or not found does not keep a command from the next one.
@@ -12,6 +13,10 @@ namespace propctl {
 
 using propclient::Field;
 using Names = std::vector<std::string>;
+
+/// Throw `Failure` for what is no column, and for a pattern.
+void requireColumns(const Names& columns);
+void requireOneName(const std::string& name);
 
 ExitStatus get(Session& session, const Names& names, Field field);
 
@@ -23,11 +28,11 @@ ExitStatus dump(Session& session);
 /// Prints the keys that begin with `prefix`, for a shell's completion. Never complains.
 ExitStatus completeKeys(Session& session, const std::string& prefix);
 
-ExitStatus set(Session& session, const Names& arguments, Field field);
+ExitStatus set(Session& session, const std::vector<Assignment>& assignments, Field field);
 ExitStatus reset(Session& session, const Names& names);
 
-/// `file` "-": standard input.
-ExitStatus load(Session& session, const std::string& file, Field field, bool dryRun);
+/// With `dryRun` it only tells what would become of each.
+ExitStatus load(Session& session, const std::vector<Assignment>& assignments, Field field, bool dryRun);
 
 /// Until SIGINT, SIGTERM or `count` changes. To be called by the main thread, as the last command of the
 /// program.

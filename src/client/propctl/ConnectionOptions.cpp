@@ -1,9 +1,9 @@
 #include "client/propctl/ConnectionOptions.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fstream>
 #include <sys/stat.h>
+#include <system_error>
 
 #include "client/propctl/ExitStatus.h"
 
@@ -19,7 +19,7 @@ constexpr std::uint16_t kTlsPort = 8883;
 void readPasswordFile(const std::string& path, propclient::Options& options) {
   struct stat file {};
   if (stat(path.c_str(), &file) != 0) {
-    throw Failure(ExitStatus::usage, path + ": " + std::strerror(errno));
+    throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno));
   }
   if (!S_ISREG(file.st_mode) || (file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
     throw Failure(ExitStatus::usage, path + ": must be a file that only its owner may read: chmod 600");

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
+#include <system_error>
 
 #include "client/propctl/ExitStatus.h"
 #include "client/propctl/Text.h"
@@ -73,6 +73,7 @@ void Output::table(const std::vector<std::string>& headings,
     return;
   }
   std::vector<std::size_t> widths;
+  widths.reserve(headings.size());
   for (const std::string& heading : headings) {
     widths.push_back(widthOf(heading));
   }
@@ -114,12 +115,18 @@ void Output::flush() {
     return;
   }
   if (errno == EPIPE) {
-    // Whoever read has had enough: end as any other program of a pipeline does.
+    // Whoever read has had enough: end as any other program of a pipeline does. The client's thread, where
+    // changes are printed, blocks all signals.
     std::signal(SIGPIPE, SIG_DFL);
+    sigset_t pipe;
+    sigemptyset(&pipe);
+    sigaddset(&pipe, SIGPIPE);
+    pthread_sigmask(SIG_UNBLOCK, &pipe, nullptr);
     std::raise(SIGPIPE);
   }
-  throw Failure(ExitStatus::refused, std::string("cannot write the output: ") +
-                                         (errno != 0 ? std::strerror(errno) : "standard output failed"));
+  throw Failure(ExitStatus::refused,
+                std::string("cannot write the output: ") +
+                    (errno != 0 ? std::generic_category().message(errno) : "standard output failed"));
 }
 
 }  // namespace propctl

@@ -157,6 +157,8 @@ void printProperty(Output& output, const Columns& property) {
   row("tr069", known(column::kTr069));
 }
 
+}  // namespace
+
 void requireColumns(const Names& columns) {
   for (const std::string& column : columns) {
     if (std::find(column::kAll.begin(), column::kAll.end(), column) == column::kAll.end()) {
@@ -169,7 +171,11 @@ void requireColumns(const Names& columns) {
   }
 }
 
-}  // namespace
+void requireOneName(const std::string& name) {
+  if (isPattern(name)) {
+    throw Failure(ExitStatus::usage, "describe takes one name, not a pattern; \"list\" takes a pattern");
+  }
+}
 
 ExitStatus get(Session& session, const Names& names, Field field) {
   Values values(session, field);
@@ -180,11 +186,12 @@ ExitStatus get(Session& session, const Names& names, Field field) {
 }
 
 ExitStatus list(Session& session, const std::string& pattern, const Names& chosen, bool onlyChanged) {
-  requireColumns(chosen);
   const Names columns = !chosen.empty() ? chosen
                                         : Names{text(column::kKey), text(column::kValue),
                                                 text(column::kDefaultValues), text(column::kFlags)};
-  std::vector<Columns> properties = listSorted(session, pattern, {}, Field::key);
+  Names needed = columns;
+  needed.insert(needed.end(), {text(column::kKey), text(column::kValue), text(column::kDefaultValues)});
+  std::vector<Columns> properties = listSorted(session, pattern, needed, Field::key);
   if (properties.empty()) {
     session.output().complain(escaped(pattern) + ": " + whyNot(pattern, Status::notFound));
     return ExitStatus::refused;
@@ -225,7 +232,7 @@ ExitStatus describe(Session& session, const std::string& name, Field field) {
       printState(session, name, answer.value);
       return ExitStatus::done;
     }
-  } else if (!isPattern(name)) {
+  } else {
     const auto answer = session.answered(session.client().list(name, {}, field));
     if (answer.ok() && !answer.value.empty()) {
       const Columns& property = answer.value.front();
@@ -239,10 +246,8 @@ ExitStatus describe(Session& session, const std::string& name, Field field) {
       }
       return ExitStatus::done;
     }
-  } else {
-    throw Failure(ExitStatus::usage, "describe takes one name, not a pattern; \"list\" takes a pattern");
   }
-  output.complain(escaped(name) + ": no such property");
+  output.complain(escaped(name) + ": " + reasonFor(Status::notFound, "", {}));
   return ExitStatus::refused;
 }
 

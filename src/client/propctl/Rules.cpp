@@ -110,7 +110,7 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
     case Status::ok:
       return "done";
     case Status::notFound:
-      return "no such property";
+      return "no such property; \"propctl list\" shows all";
     case Status::readOnly:
       return "cannot be written, only reset";
     case Status::regExpError:

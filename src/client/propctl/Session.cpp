@@ -5,12 +5,24 @@
 
 namespace propctl {
 
+namespace {
+
+/// Why there is no connection, and what to do about it.
+std::string withAdvice(std::string reason) {
+  const bool isRefused = reason.find("authori") != std::string::npos;
+  reason.erase(reason.find_last_not_of('.') + 1);
+  return reason +
+         (isRefused ? "; --user and --password-file say who asks" : "; --host and --port say where it is");
+}
+
+}  // namespace
+
 Session::Session(propclient::Options options, Output& output)
     : options_(std::move(options)), output_(output), client_(options_) {
   try {
     client_.connect();
   } catch (const propclient::ConnectionError& error) {
-    throw Failure(ExitStatus::noAnswer, error.what());
+    throw Failure(ExitStatus::noAnswer, withAdvice(error.what()));
   }
 }
 

@@ -1,6 +1,8 @@
 #include "client/propctl/Text.h"
 
-#include <cctype>
+#include <fstream>
+#include <iostream>
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -162,6 +164,18 @@ std::vector<Assignment> readDump(const std::string& text, const std::string& sou
   std::vector<Assignment> assignments = isJson ? readJson(text, source) : readLines(text, source);
   requireDistinct(assignments, ExitStatus::refused, source + ": ");
   return assignments;
+}
+
+std::vector<Assignment> readDumpFile(const std::string& file) {
+  if (file == "-") {
+    return readDump({std::istreambuf_iterator<char>(std::cin), {}}, "standard input");
+  }
+  std::ifstream stream(file, std::ios::binary);
+  const std::string text{std::istreambuf_iterator<char>(stream), {}};
+  if (!stream.is_open() || stream.bad()) {
+    throw Failure(ExitStatus::refused, file + ": cannot be read");
+  }
+  return readDump(text, file);
 }
 
 std::vector<std::string> splitList(const std::string& text) {

@@ -30,6 +30,9 @@ std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments)
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 
+/// The same from a file; "-": standard input.
+std::vector<Assignment> readDumpFile(const std::string& file);
+
 /// The parts of "A,B,…", without empty ones.
 std::vector<std::string> splitList(const std::string& text);
 

@@ -1,7 +1,6 @@
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <future>
 #include <map>
+#include <memory>
 
 #include "client/propctl/Commands.h"
 #include "client/propctl/Rules.h"
@@ -62,36 +61,32 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   return refused ? ExitStatus::refused : ExitStatus::done;
 }
 
-std::string readAll(const std::string& file) {
-  if (file == "-") {
-    return {std::istreambuf_iterator<char>(std::cin), {}};
+/// All columns of each, by name; nothing for one that there is not. One request each, all under way at once:
+/// a reply with all properties may be larger than the broker lets pass.
+std::map<std::string, Columns> readProperties(Session& session, const std::vector<Assignment>& assignments,
+                                              Field field) {
+  using Answer = propclient::Answer<std::vector<Columns>>;
+  std::map<std::string, std::future<Answer>> answers;
+  for (const auto& [name, value] : assignments) {
+    if (isPattern(name)) {
+      continue;
+    }
+    const auto promise = std::make_shared<std::promise<Answer>>();
+    answers.emplace(name, promise->get_future());
+    session.client().list(name, {}, field, [promise](const Answer& answer) { promise->set_value(answer); });
   }
-  std::ifstream stream(file, std::ios::binary);
-  std::string text{std::istreambuf_iterator<char>(stream), {}};
-  if (!stream.is_open() || stream.bad()) {
-    throw Failure(ExitStatus::refused, file + ": cannot be read");
+  std::map<std::string, Columns> properties;
+  for (auto& [name, future] : answers) {
+    const Answer answer = session.answered(future.get());
+    if (answer.ok() && !answer.value.empty()) {
+      properties.emplace(name, answer.value.front());
+    }
   }
-  return text;
-}
-
-const char* nameColumn(Field field) {
-  switch (field) {
-    case Field::key:
-      return column::kKey.data();
-    case Field::web:
-      return column::kWebui.data();
-    case Field::provisioning:
-      return column::kProvisioning.data();
-  }
-  return "";
+  return properties;
 }
 
 ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, Field field) {
-  std::map<std::string, Columns> properties;
-  const auto answer = session.answered(session.client().list("%", {}, field));
-  for (const Columns& property : answer.value) {
-    properties.emplace(columnOf(property, nameColumn(field)), property);
-  }
+  const std::map<std::string, Columns> properties = readProperties(session, assignments, field);
   std::size_t refused = 0;
   Json::Value outcomes(Json::objectValue);
   Output& output = session.output();
@@ -143,13 +138,12 @@ Values valuesMatching(Session& session, const std::string& name) {
 
 }  // namespace
 
-ExitStatus set(Session& session, const Names& arguments, Field field) {
+ExitStatus set(Session& session, const std::vector<Assignment>& assignments, Field field) {
   std::size_t written = 0;
-  return write(session, toAssignments(arguments), field, written);
+  return write(session, assignments, field, written);
 }
 
-ExitStatus load(Session& session, const std::string& file, Field field, bool dryRun) {
-  const std::vector<Assignment> assignments = readDump(readAll(file), file == "-" ? "standard input" : file);
+ExitStatus load(Session& session, const std::vector<Assignment>& assignments, Field field, bool dryRun) {
   if (dryRun) {
     return tryOut(session, assignments, field);
   }

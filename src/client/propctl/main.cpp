@@ -44,6 +44,13 @@ void takeAsGiven(std::string& argument) {
   }
 }
 
+/// What a command needs besides a session.
+struct Needs {
+  std::chrono::milliseconds timeout = kTimeout;
+  std::function<void()> arguments = [] {};  ///< Throws `Failure` before anybody is asked.
+  bool oneDevice = false;
+};
+
 /// The verbs and options. What was found on the command line is in `run_` and the options.
 class CommandLine {
  public:
@@ -90,7 +97,6 @@ class CommandLine {
 
  private:
   using OnSession = std::function<ExitStatus(Session&)>;
-  enum class Devices { any, one };
 
   void addConnectionOptions() {
     const std::string group = "Connection";
@@ -130,14 +136,14 @@ class CommandLine {
     return verb;
   }
 
-  void onSession(CLI::App* verb, OnSession command, std::chrono::milliseconds timeout = kTimeout,
-                 Devices devices = Devices::any) {
-    verb->callback([this, command = std::move(command), timeout, devices] {
-      run_ = [this, command, timeout, devices](Output& output) {
-        propclient::Options options = toOptions(connection_, timeout);
+  void onSession(CLI::App* verb, const OnSession& command, const Needs& needs = {}) {
+    verb->callback([=, this] {
+      run_ = [=, this](Output& output) {
+        needs.arguments();
+        propclient::Options options = toOptions(connection_, needs.timeout);
         const std::vector<std::string> serials = splitList(device_);
         if (serials.size() > 1 || (serials.size() == 1 && isSerialPattern(serials.front()))) {
-          if (devices == Devices::one) {
+          if (needs.oneDevice) {
             throw Failure(ExitStatus::usage, "this command takes one device at a time");
           }
           return runOnDevices(serials, options, jobs_, output, command);
@@ -169,17 +175,18 @@ class CommandLine {
     verb = addVerb("list", "A table of properties");
     verb->add_option("PATTERN", pattern_, "Key or pattern [%]")->type_name("");
     verb->add_option("--columns", columns_, "Columns, separated by commas")
-        ->delimiter(',')
+
         ->type_name("COLUMN,…");
     verb->add_flag("--changed", onlyChanged_, "Only what differs from its default");
-    onSession(verb, [this](Session& session) {
-      return list(session, pattern_, splitList(columns_), onlyChanged_);
-    });
+    onSession(verb,
+              [this](Session& session) { return list(session, pattern_, splitList(columns_), onlyChanged_); },
+              {.arguments = [this] { requireColumns(splitList(columns_)); }});
 
     verb = addVerb("describe", "Everything about one property");
     verb->add_option("NAME", name_, "Key or alias")->required()->type_name("");
     addField(verb, "What the name is [key]");
-    onSession(verb, [this](Session& session) { return describe(session, name_, field_); });
+    onSession(verb, [this](Session& session) { return describe(session, name_, field_); },
+              {.arguments = [this] { requireOneName(name_); }});
 
     verb = addVerb("dump", "All values by provisioning name, as load takes them");
     onSession(verb, dump);
@@ -187,15 +194,16 @@ class CommandLine {
     verb = addVerb("complete-keys", "Keys that begin so");
     verb->group("");
     verb->add_option("PREFIX", name_, "");
-    onSession(
-        verb, [this](Session& session) { return completeKeys(session, name_); }, kCompletionTimeout);
+    onSession(verb, [this](Session& session) { return completeKeys(session, name_); },
+              {.timeout = kCompletionTimeout});
   }
 
   void addWrites() {
     CLI::App* verb = addVerb("set", "Write values");
     addNames(verb, "KEY=VALUE", names_, "Assignments, or KEY VALUE")->required();
     addField(verb, "What names are [key]");
-    onSession(verb, [this](Session& session) { return set(session, names_, field_); });
+    onSession(verb, [this](Session& session) { return set(session, assignments_, field_); },
+              {.arguments = [this] { assignments_ = toAssignments(names_); }});
 
     verb = addVerb("reset", "Take properties to their defaults");
     addNames(verb, "KEY", names_, "Key or pattern")->required();
@@ -205,12 +213,12 @@ class CommandLine {
     verb->add_option("FILE", name_, "- for standard input")->required()->type_name("");
     verb->add_flag("--dry-run", dryRun_, "Write nothing; tell what would become of each line");
     addField(verb, "What names are [provisioning]");
-    onSession(
-        verb,
-        [this, verb](Session& session) {
-          return load(session, name_, verb->count("--by") != 0 ? field_ : Field::provisioning, dryRun_);
-        },
-        kTimeout, Devices::one);
+    onSession(verb,
+              [this, verb](Session& session) {
+                return load(session, assignments_, verb->count("--by") != 0 ? field_ : Field::provisioning,
+                            dryRun_);
+              },
+              {.arguments = [this] { assignments_ = readDumpFile(name_); }});
   }
 
   void addWatch() {
@@ -220,25 +228,25 @@ class CommandLine {
     verb->add_option("--count", count_, "End after so many")
         ->check(CLI::Range(1U, 1000000000U).description(""))
         ->type_name("N");
-    onSession(
-        verb, [this](Session& session) { return watch(session, names_, !withoutOld_, count_); }, kTimeout,
-        Devices::one);
+    onSession(verb, [this](Session& session) { return watch(session, names_, !withoutOld_, count_); },
+              {.oneDevice = true});
   }
 
   void addMaintenance() {
     CLI::App* verb = addVerb("backup", "Save the user's settings on the device");
     verb->add_flag("--all", allSettings_, "All settings, passwords included");
-    onSession(
-        verb, [this](Session& session) { return backup(session, allSettings_); }, kMaintenanceTimeout);
-    onSession(addVerb("restore", "Read the saved settings back"), restore, kMaintenanceTimeout);
-    onSession(addVerb("sysdump", "Write what support wants to see"), sysdump, kMaintenanceTimeout);
+    onSession(verb, [this](Session& session) { return backup(session, allSettings_); },
+              {.timeout = kMaintenanceTimeout});
+    onSession(addVerb("restore", "Read the saved settings back"), restore, {.timeout = kMaintenanceTimeout});
+    onSession(addVerb("sysdump", "Write what support wants to see"), sysdump,
+              {.timeout = kMaintenanceTimeout});
 
     CLI::App* prepare = addVerb("prepare", "Save what is to survive");
     prepare->require_subcommand(1);
     onSession(prepare->add_subcommand("version-change", "a new firmware")->fallthrough(),
-              prepareVersionChange, kMaintenanceTimeout);
+              prepareVersionChange, {.timeout = kMaintenanceTimeout});
     onSession(prepare->add_subcommand("factory-reset", "a factory reset")->fallthrough(), prepareFactoryReset,
-              kMaintenanceTimeout);
+              {.timeout = kMaintenanceTimeout});
 
     verb = addVerb("ping", "Is it alive, and how far away?");
     verb->add_option("--count", count_, "So many times [1]")
@@ -262,6 +270,7 @@ class CommandLine {
   bool json_ = false;
   bool quiet_ = false;
   Names names_;
+  std::vector<Assignment> assignments_;
   std::string name_;
   std::string pattern_ = "%";
   std::string columns_;

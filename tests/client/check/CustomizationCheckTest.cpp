@@ -161,6 +161,23 @@ TEST_F(CustomizationCheckTest, doesNotMissAKeyWhoseRowIsReportedAlready) {
   EXPECT_THAT(findings(), ElementsAre(IsFinding(3U, kError, "duplicate key")));
 }
 
+/// Triggers that a script may leave in the table.
+class TriggerTest : public CheckTest, public testing::WithParamInterface<const char*> {};
+
+TEST_P(TriggerTest, cannotCrashOrStallTheCheck) {
+  add("nvminit.sql",
+      kScript + "CREATE TRIGGER t AFTER UPDATE ON settings BEGIN SELECT " + GetParam() + "; END;\n");
+  add("Update. 5.json", R"({"key":"Audio.Volume","value":"6"})");
+
+  EXPECT_THAT(findings(), testing::Each(testing::Field(&Finding::text, testing::Not(IsEmpty()))));
+}
+
+INSTANTIATE_TEST_SUITE_P(Actions, TriggerTest,
+                         testing::Values("propctl_note('A', 1, 1, 1, 0)", "RAISE(ROLLBACK, 'no')",
+                                         "RAISE(ABORT, 'no')", "1; DELETE FROM settings",
+                                         "(WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n) "
+                                         "SELECT max(i) FROM n)"));
+
 class WholeDocumentTest : public CheckTest, public testing::WithParamInterface<Case> {};
 
 TEST_P(WholeDocumentTest, isToldOnce) {

@@ -48,7 +48,7 @@ class ConversationTest : public testing::Test {
     answers_.clear();
   }
 
-  void pass(Conversation::Clock::duration time) {
+  void pass(Clock::duration time) {
     now_ += time;
     conversation_.keepTime(now_);
   }
@@ -57,7 +57,7 @@ class ConversationTest : public testing::Test {
 
   std::vector<std::string> sent_;
   std::vector<std::string> answers_;
-  Conversation::Clock::time_point now_{};
+  Clock::time_point now_{};
   Conversation conversation_{[this](const std::string& text) { sent_.push_back(text); }, "?unique-"};
 };
 

@@ -40,7 +40,7 @@ TEST(Session, asksAndIsAnswered) {
 
   session.ask(request::get("Audio.Volume", Field::key,
                            [&](const Answer<std::string>& answer) { value = answer.value; }),
-              Session::Clock::now());
+              Clock::now());
   while (daemon.hasRequests()) {
     daemon.serve();
     const auto reply = daemon.arrive();
@@ -54,7 +54,7 @@ TEST(Session, givesARequestItsTimeFromWhenItWasAsked) {
   FakeDaemon daemon;
   Session session(Topics("panel", ""), daemon, 5s, "?unique-");
   session.opened();
-  const auto asked = Session::Clock::now() - 1s;
+  const auto asked = Clock::now() - 1s;
 
   session.ask(request::ping([](const Answer<Client::Nothing>&) {}), asked);
 

@@ -411,9 +411,9 @@ TEST_F(WatchTest, readsAgainUntilTheDaemonAnswers) {
   restoreConnection();
   daemon_.requests.clear();  // the daemon is away
 
-  session_.keepTime(Session::Clock::now() + 5s);
+  session_.keepTime(Clock::now() + 5s);
   daemon_.requests.clear();
-  session_.keepTime(Session::Clock::now() + 10s);
+  session_.keepTime(Clock::now() + 10s);
   ASSERT_TRUE(daemon_.hasRequests());
   serveAll();
 

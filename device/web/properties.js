@@ -1,0 +1,127 @@
+// What the page knows of the properties, and which of them it shows.
+
+const keyOrder = new Intl.Collator('en', { numeric: true });
+
+/** What stands before the first "."; empty for a key without one. */
+export function groupOf(key) {
+  return key.slice(0, Math.max(key.indexOf('.'), 0));
+}
+
+export function isState(key) {
+  return key.startsWith('State.');
+}
+
+export function isReadOnly(property) {
+  return (property.flags & 1) !== 0;
+}
+
+export function differs(property) {
+  return property.defaultvalues !== undefined && property.value !== property.defaultvalues;
+}
+
+function searchText({ key, value, webui, provisioning, tr069 }) {
+  return [key, value, webui, provisioning, tr069].join('\n').toLowerCase();
+}
+
+/**
+ * Properties by key, each an object whose members are the columns of the service's table; a column that does not apply
+ * is absent, `value` never is. Beside them stand `group`, `number`, which stays the property's own, and `searchText`.
+ */
+export class Properties {
+  #byKey = new Map();
+  #inOrder = [];
+  #isOrdered = true;
+  #lastNumber = 0;
+
+  get(key) {
+    return this.#byKey.get(key);
+  }
+
+  get size() {
+    return this.#byKey.size;
+  }
+
+  stateKeys() {
+    return [...this.#byKey.keys()].filter(isState);
+  }
+
+  /** Takes a row as the service returns it, which leaves out an empty value. True when the value was another before. */
+  put(row) {
+    const before = this.#byKey.get(row.key);
+    const property = {
+      value: '',
+      ...row,
+      group: groupOf(row.key),
+      number: before?.number ?? ++this.#lastNumber,
+    };
+    property.searchText = searchText(property);
+    this.#byKey.set(row.key, property);
+    this.#isOrdered = false;
+    return before !== undefined && before.value !== property.value;
+  }
+
+  /** True when the value was another before. REQUIRES: the property is known. */
+  setValue(key, value) {
+    const property = this.#byKey.get(key);
+    if (property.value === value) {
+      return false;
+    }
+    property.value = value;
+    property.searchText = searchText(property);
+    return true;
+  }
+
+  remove(key) {
+    this.#byKey.delete(key);
+    this.#isOrdered = false;
+  }
+
+  /** Forgets all others but State keys, which cannot be listed. */
+  retain(keys) {
+    const known = new Set(keys);
+    for (const key of this.#byKey.keys()) {
+      if (!known.has(key) && !isState(key)) {
+        this.remove(key);
+      }
+    }
+  }
+
+  /**
+   * Which properties to show, and how many each group has among those that the text and the toggle leave.
+   * `text`: words that all occur in key, value or an alias. `group`: null for all. `kept`: a key that is shown anyway.
+   */
+  select({ text, group, onlyDiffering }, kept) {
+    const words = text.toLowerCase().split(/\s+/);
+    const rows = [];
+    const groups = new Map();
+    let differing = 0;
+    for (const property of this.#ordered()) {
+      const isKept = property.key === kept;
+      const count = groups.get(property.group) ?? 0;
+      groups.set(property.group, count);
+      if (!isKept && !words.every((word) => property.searchText.includes(word))) {
+        continue;
+      }
+      const inGroup = group === null || property.group === group;
+      const isDifferent = differs(property);
+      if (inGroup && isDifferent) {
+        ++differing;
+      }
+      if (isKept || isDifferent || !onlyDiffering) {
+        groups.set(property.group, count + 1);
+        if (isKept || inGroup) {
+          rows.push(property);
+        }
+      }
+    }
+    return { rows, groups, differing };
+  }
+
+  #ordered() {
+    if (!this.#isOrdered) {
+      this.#inOrder = [...this.#byKey.values()].sort((a, b) => keyOrder.compare(a.key, b.key));
+      this.#isOrdered = true;
+    }
+    return this.#inOrder;
+  }
+}

@@ -1,0 +1,175 @@
+// The property service, as a client of the device's bus sees it.
+
+import mqtt from './mqtt.js';
+
+const PING_INTERVAL_MS = 2000;
+const PING_TIMEOUT_MS = 2000;
+const REQUEST_TIMEOUT_MS = 5000;
+const NUDGE_INTERVAL_MS = 4;
+const REFUSED_CODES = [4, 5]; // MQTT 3.1.1: bad user name or password, not authorized
+
+const LIVENESS_QUESTION = { param: 'Are you alive?' };
+
+// No other reply is without a status, except one to a request that this page does not make.
+function isLivenessAnswer(reply) {
+  return reply.param === 'Ok' && !('status' in reply);
+}
+
+/** An empty object for what is no JSON object: on a broker without an access list anybody may say anything. */
+function parseObject(text) {
+  try {
+    return Object(JSON.parse(text));
+  } catch {
+    return {};
+  }
+}
+
+function randomName() {
+  const bytes = crypto.getRandomValues(new Uint8Array(6));
+  return `web-${Array.from(bytes, (byte) => byte.toString(16).padStart(2, '0')).join('')}`;
+}
+
+/** The service did not answer: whether it did what was asked is unknown. */
+export class NoAnswer extends Error {}
+
+/**
+ * Replies carry no identifier, so there is one request at a time, and the next reply is its reply. After a request
+ * that was not answered in time that no longer holds; then the question whether the service is alive, whose answer
+ * looks like no other, has to be answered before replies count again.
+ *
+ * `onState` is told "connecting", "refused" (the broker does not admit the page), "broker-away", "service-away" or
+ * "connected"; each "connected" means that changes may have been missed before it. `onChanges` gets an object of keys
+ * and values, null for a key that was removed.
+ */
+export class Service {
+  #name = randomName();
+  #client;
+  #onState;
+  #onChanges;
+  #state = 'connecting';
+  #awaited = null; // { accepts(reply), resolve(reply), reject(error) }
+  #isInStep = false;
+  #queueEnd = Promise.resolve();
+  #queueLength = 0;
+
+  constructor(brokerAddress, password, { onState, onChanges }) {
+    this.#onState = onState;
+    this.#onChanges = onChanges;
+    this.#client = mqtt.connect(brokerAddress, {
+      clientId: this.#name,
+      username: 'page',
+      password,
+      clean: true,
+      keepalive: 15,
+      reconnectPeriod: 1000,
+      connectTimeout: 5000,
+      resubscribe: false,
+      queueQoSZero: false,
+      timerVariant: 'native', // a worker is against the page's security policy
+    });
+    this.#client.on('connect', () => this.#connected());
+    this.#client.on('close', () => this.#closed());
+    this.#client.on('error', (error) => {
+      if (REFUSED_CODES.includes(error.code)) {
+        this.#setState('refused');
+      }
+    });
+    this.#client.on('message', (topic, payload) => this.#received(topic, payload));
+    setInterval(() => this.#ping(), PING_INTERVAL_MS);
+  }
+
+  /** The reply; throws NoAnswer. Requests are sent in the order of the calls. */
+  request(body) {
+    return this.#inTurn(async () => {
+      if (!this.#isInStep) {
+        await this.#synchronise();
+      }
+      return this.#exchange(body, (reply) => !isLivenessAnswer(reply), REQUEST_TIMEOUT_MS);
+    });
+  }
+
+  /** The rows that match `pattern`, with all columns unless `fields` names some; throws NoAnswer. */
+  async list(pattern, fields = undefined) {
+    // Mosquitto 2.0 sends 4 KiB of a message over a WebSocket whenever something arrives, or else ten times a second.
+    const nudges = setInterval(() => this.#client.connected && this.#client.sendPing(), NUDGE_INTERVAL_MS);
+    try {
+      const { result = [] } = await this.request({ method: 'getColsL', param: pattern, fields });
+      return result;
+    } finally {
+      clearInterval(nudges);
+    }
+  }
+
+  #inTurn(work) {
+    ++this.#queueLength;
+    const result = this.#queueEnd.then(work).finally(() => --this.#queueLength);
+    this.#queueEnd = result.catch(() => {});
+    return result;
+  }
+
+  #ping() {
+    if (this.#client.connected && this.#queueLength === 0) {
+      this.#inTurn(() => this.#synchronise()).catch(() => {});
+    }
+  }
+
+  async #synchronise() {
+    await this.#exchange(LIVENESS_QUESTION, isLivenessAnswer, PING_TIMEOUT_MS);
+    this.#isInStep = true;
+    this.#setState('connected');
+  }
+
+  #exchange(body, accepts, timeoutMs) {
+    return new Promise((resolve, reject) => {
+      if (!this.#client.connected) {
+        reject(new NoAnswer('the broker is away'));
+        return;
+      }
+      const timer = setTimeout(() => {
+        this.#setState('service-away');
+        this.#giveUp('the service does not answer');
+      }, timeoutMs);
+      const end = (settle) => (result) => {
+        clearTimeout(timer);
+        this.#awaited = null;
+        settle(result);
+      };
+      this.#awaited = { accepts, resolve: end(resolve), reject: end(reject) };
+      // With QoS 0 the broker does not keep it for a service that is away: a write that was given up is not made later.
+      this.#client.publish(`${this.#name}/prop-service`, JSON.stringify(body), { qos: 0 });
+    });
+  }
+
+  #giveUp(reason) {
+    this.#isInStep = false;
+    this.#awaited?.reject(new NoAnswer(reason));
+  }
+
+  #connected() {
+    const topics = [`prop-service/${this.#name}`, 'prop-service-groupnotify/any'];
+    this.#client.subscribe(topics, { qos: 1 }, () => this.#ping());
+  }
+
+  #closed() {
+    this.#giveUp('the broker is away');
+    if (this.#state !== 'refused') {
+      this.#setState('broker-away');
+    }
+  }
+
+  #received(topic, payload) {
+    const message = parseObject(new TextDecoder().decode(payload));
+    if (topic === 'prop-service-groupnotify/any') {
+      this.#onChanges(message);
+    } else if (this.#awaited?.accepts(message)) {
+      this.#awaited.resolve(message);
+    }
+  }
+
+  #setState(state) {
+    if (this.#state !== state) {
+      this.#state = state;
+      this.#onState(state);
+    }
+  }
+}

@@ -1,0 +1,83 @@
+// Rules, flags and answers in words.
+
+import { isReadOnly } from './properties.js';
+
+const FLAGS = [
+  { bit: 1, name: 'read-only', meaning: 'requests cannot write it, resetting it can' },
+  { bit: 2, name: 'setting', meaning: 'saved with all settings' },
+  { bit: 4, name: 'dump', meaning: 'appears in the system dump' },
+  { bit: 8, name: 'user', meaning: 'belongs to the user’s backup' },
+  { bit: 16, name: 'kept', meaning: 'survives a factory reset' },
+];
+
+/** What flags a property has: [{ name, meaning }]. */
+export function flagsOf(property) {
+  return FLAGS.filter(({ bit }) => property.flags & bit);
+}
+
+export function allowedValues(property) {
+  return property.enum === undefined ? [] : property.enum.split(',').filter((value) => value !== '');
+}
+
+function range({ range_min: min, range_max: max }) {
+  if (min === undefined) {
+    return `at most ${max}`;
+  }
+  return max === undefined ? `at least ${min}` : `${min} to ${max}`;
+}
+
+/** The rules a value has to obey, the short ones first: [{ words, expression }]; most have no expression. */
+export function rulesOf(property) {
+  const rules = [];
+  const add = (words, expression = '') => rules.push({ words, expression });
+  if (isReadOnly(property)) {
+    add('read-only');
+  }
+  if (property.range_min !== undefined || property.range_max !== undefined) {
+    add(`number, ${range(property)}`);
+  }
+  if (property.enum !== undefined) {
+    add(`one of ${allowedValues(property).join(', ')}`);
+  }
+  if (property.regexp !== undefined) {
+    add('matches ', property.regexp);
+  }
+  return rules;
+}
+
+/** What the service's answer to `value` means, with the rule that it broke. */
+export function explain(status, property, value) {
+  switch (status) {
+    case 'Ok':
+      return 'Saved.';
+    case 'ReadOnly':
+      return 'Read-only: requests cannot write it.';
+    case 'RegExpError':
+      return `Does not match ${property.regexp}`;
+    case 'ValueOutOfBounds':
+      return `Not a number ${boundsInWords(property)}.`;
+    case 'ValueError':
+      return valueError(property, value);
+    case 'NotFound':
+      return 'The service has no such property.';
+    case 'DBError':
+      return 'The service could not store it.';
+    default:
+      return 'The service refused the request.';
+  }
+}
+
+function boundsInWords(property) {
+  const text = range(property);
+  return text.includes(' to ') ? `from ${text}` : `of ${text}`;
+}
+
+function valueError(property, value) {
+  if ([...value].length > 256) {
+    return 'Longer than 256 characters.';
+  }
+  if (value.includes('\0')) {
+    return 'Holds a NUL character.';
+  }
+  return `Not one of ${allowedValues(property).join(', ')}`;
+}

@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+
+#include "client/propctl/Propctl.h"
+#include "support/Device.h"
+
+namespace propertyservice::test {
+namespace {
+
+using ::testing::AllOf;
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+/// A broker with users, and the daemon as one of them.
+class PropctlConnection : public ::testing::Test {
+ protected:
+  static std::string brokerConfiguration(const TemporaryDirectory& directory) {
+    const std::string passwords = directory.path("passwords");
+    run({"mosquitto_passwd", "-b", "-c", passwords, "prop-service", "p"});
+    run({"mosquitto_passwd", "-b", passwords, "panel", "p"});
+    run({"mosquitto_passwd", "-b", passwords, "field", "secret"});
+    return "allow_anonymous false\npassword_file " + passwords +
+           "\nacl_file " SOURCE_DIRECTORY "/device/mosquitto/propsrv.acl\n";
+  }
+
+  PropctlConnection() {
+    device_.emplace(Device::defaultRows(), brokerConfiguration(directory_));
+    Device::writeFile("/etc/ipc/prop-service.credentials", "prop-service\np\n");
+    run({"chmod", "600", "/etc/ipc/prop-service.credentials"});
+    device_->launch();
+    write("credentials", "field\nsecret\n");
+  }
+
+  void write(const std::string& name, const std::string& content) {
+    run({"chmod", "600", directory_.write(name, content)});
+  }
+
+  std::string file(const std::string& name) const { return directory_.path(name); }
+
+  /// What it prints once the daemon is there.
+  Outcome askUntilAnswered(const std::string& arguments) {
+    Outcome outcome{};
+    eventually([&] { return (outcome = propctl("--timeout 1 " + arguments)).status != 3; });
+    return outcome;
+  }
+
+  const TemporaryDirectory directory_;
+  std::optional<Device> device_;
+};
+
+TEST_F(PropctlConnection, provesItselfWithAFileOfUserAndPassword) {
+  EXPECT_EQ(askUntilAnswered("--password-file " + file("credentials") + " get Audio.Volume"), printed("5\n"));
+}
+
+TEST_F(PropctlConnection, provesItselfWithAUserAndAFileOfAPassword) {
+  write("password", "secret");
+
+  EXPECT_EQ(askUntilAnswered("--user field --password-file " + file("password") + " get Audio.Volume"),
+            printed("5\n"));
+}
+
+TEST_F(PropctlConnection, takesUserAndFileFromTheEnvironment) {
+  askUntilAnswered("--password-file " + file("credentials") + " ping");
+
+  EXPECT_EQ(shell("PROPCTL_PASSWORD_FILE=" + file("credentials") + " propctl get Audio.Volume"),
+            printed("5\n"));
+}
+
+TEST_F(PropctlConnection, saysThatTheBrokerRefusesThePassword) {
+  write("wrong", "field\nguessed\n");
+
+  const Outcome outcome = propctl("--password-file " + file("wrong") + " get Audio.Volume");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, StartsWith("propctl: no connection to the broker at localhost:1883: "));
+}
+
+TEST_F(PropctlConnection, namesBothCausesWhenTheAccessListKeepsItFromAsking) {
+  const Outcome outcome =
+      propctl("--timeout 1 --password-file " + file("credentials") + " --name panel get Audio.Volume");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("PropertyService is away"), HasSubstr("access list"),
+                                    HasSubstr("\"field\" ask as \"panel\"")));
+}
+
+TEST_F(PropctlConnection, namesBothCausesWhenTheDaemonIsAway) {
+  askUntilAnswered("--password-file " + file("credentials") + " ping");
+  device_->stop();
+
+  const Outcome outcome = propctl("--timeout 1 --password-file " + file("credentials") + " get Audio.Volume");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors,
+              StartsWith("propctl: no answer from localhost:1883 within 1 s: PropertyService is away, or"));
+}
+
+TEST_F(PropctlConnection, refusesAPasswordFileThatOthersMayRead) {
+  run({"chmod", "644", file("credentials")});
+
+  EXPECT_EQ(propctl("--password-file " + file("credentials") + " ping"),
+            failed(2, "propctl: " + file("credentials") +
+                          ": must be a file that only its owner may read: chmod 600\n"));
+}
+
+TEST_F(PropctlConnection, refusesAPasswordFileThatIsNotThere) {
+  EXPECT_EQ(propctl("--password-file /nowhere ping"),
+            failed(2, "propctl: /nowhere: No such file or directory\n"));
+}
+
+TEST_F(PropctlConnection, refusesAPasswordWithoutAUser) {
+  write("password", "secret");
+
+  EXPECT_EQ(propctl("--password-file " + file("password") + " ping"),
+            failed(2, "propctl: " + file("password") + ": holds a password alone; give --user as well\n"));
+}
+
+TEST_F(PropctlConnection, refusesTheFileOfAnotherUser) {
+  EXPECT_EQ(propctl("--user panel --password-file " + file("credentials") + " ping"),
+            failed(2, "propctl: " + file("credentials") + ": belongs to the user field, not to panel\n"));
+}
+
+TEST_F(PropctlConnection, saysThatThereIsNoBroker) {
+  EXPECT_EQ(propctl("--port 1 ping"), failed(3,
+                                             "propctl: no connection to the broker at localhost:1: "
+                                             "Connection refused; --host and --port say where it is\n"));
+}
+
+TEST_F(PropctlConnection, saysThatAnAuthoritysFileIsMissing) {
+  const Outcome outcome = propctl("--cafile /nowhere ping");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, StartsWith("propctl: no connection to the broker at localhost:8883: "));
+}
+
+}  // namespace
+}  // namespace propertyservice::test

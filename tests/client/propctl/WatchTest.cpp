@@ -1,0 +1,154 @@
+#include <algorithm>
+#include <csignal>
+#include <optional>
+
+#include <gmock/gmock.h>
+
+#include "client/propctl/Propctl.h"
+#include "support/Device.h"
+#include "support/Eventually.h"
+#include "support/TcpProxy.h"
+
+namespace propertyservice::test {
+namespace {
+
+using ::testing::ContainsRegex;
+using ::testing::MatchesRegex;
+
+constexpr char kTime[] = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
+
+class PropctlWatch : public ::testing::Test {
+ protected:
+  PropctlWatch() { device_.start(); }
+
+  /// Returns once it knows the present values: it then tells the old one of what changes.
+  void watch(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), {PROPCTL, "watch"});
+    watcher_.emplace(arguments, directory_.path("output"));
+    int turn = 0;
+    ASSERT_TRUE(eventually([&] {
+      device_.set("Audio.Ringtone", std::to_string(++turn));
+      const std::string output = watcher_->output();
+      return output.find("(was ") != std::string::npos || output.find("\"old\":\"") != std::string::npos;
+    }));
+  }
+
+  bool printsAtLast(const std::string& text) {
+    return eventually([&] { return watcher_->output().find(text) != std::string::npos; });
+  }
+
+  const TemporaryDirectory directory_;
+  Device device_;
+  std::optional<Process> watcher_;
+};
+
+TEST_F(PropctlWatch, printsAChangeWithTimeAndOldValue) {
+  watch({});
+
+  device_.set("Audio.Volume", "7");
+
+  ASSERT_TRUE(printsAtLast("Audio.Volume=7 (was 5)\n"));
+  EXPECT_THAT(watcher_->output(), ContainsRegex(std::string(kTime) + "Audio\\.Volume=7 \\(was 5\\)\n"));
+}
+
+TEST_F(PropctlWatch, leavesOutOldValues) {
+  Process watcher({PROPCTL, "watch", "--no-old"}, directory_.path("output"));
+
+  int volume = 0;
+  EXPECT_TRUE(eventually([&] {
+    device_.set("Audio.Volume", std::to_string(++volume % 10));
+    return std::ranges::count(watcher.output(), '\n') >= 3;
+  }));
+
+  EXPECT_THAT(watcher.output(), MatchesRegex("(" + std::string(kTime) + "Audio\\.Volume=[0-9]\n)+"));
+}
+
+TEST_F(PropctlWatch, printsOnlyTheGroupsAskedFor) {
+  watch({"AUDIO", "state"});
+
+  device_.set("NET.General.Hostname", "lab");
+  device_.set("Audio.Volume", "7");
+
+  ASSERT_TRUE(printsAtLast("Audio.Volume=7"));
+  EXPECT_EQ(watcher_->output().find("NET."), std::string::npos);
+}
+
+TEST_F(PropctlWatch, printsThatAKeyWasRemoved) {
+  watch({});
+  device_.set("State.Call", "idle");
+
+  propctl("reset State.Call");
+
+  EXPECT_TRUE(printsAtLast("State.Call removed (was idle)\n"));
+}
+
+TEST_F(PropctlWatch, printsJson) {
+  watch({"--json"});
+
+  device_.set("Audio.Volume", "7");
+
+  ASSERT_TRUE(printsAtLast("\"Audio.Volume\""));
+  EXPECT_THAT(
+      watcher_->output(),
+      ContainsRegex("\\{\"key\":\"Audio\\.Volume\",\"old\":\"5\",\"time\":\"[^\"]+\",\"value\":\"7\"\\}\n"));
+}
+
+TEST_F(PropctlWatch, endsOnCtrlC) {
+  watch({});
+
+  watcher_->signal(SIGINT);
+
+  EXPECT_EQ(watcher_->wait(), 0);
+}
+
+TEST_F(PropctlWatch, endsAfterSoManyChanges) {
+  Process watcher({PROPCTL, "watch", "--count", "2", "audio"}, directory_.path("output"));
+
+  int volume = 0;
+  EXPECT_TRUE(eventually([&] {
+    device_.set("Audio.Volume", std::to_string(++volume % 10));
+    return !watcher.running();
+  }));
+
+  EXPECT_EQ(watcher.wait(), 0);
+  EXPECT_EQ(std::ranges::count(watcher.output(), '\n'), 2);
+}
+
+TEST_F(PropctlWatch, endsWhenTheReaderHasGone) {
+  const Outcome outcome = shell(
+      "{ propctl watch; echo $? >&2; } | head -n 1 >/dev/null & reader=$!\n"
+      "turn=0; while kill -0 $reader 2>/dev/null; do propctl set State.Turn=$((turn += 1)); done\n"
+      "propctl set State.Turn=last; wait");
+
+  EXPECT_EQ(outcome.errors, "141\n");
+}
+
+TEST_F(PropctlWatch, refusesAGroupThatIsNoPartOfATopic) {
+  EXPECT_EQ(propctl("watch audio/any"), failed(2, "propctl: no group: \"audio/any\"\n"));
+}
+
+TEST_F(PropctlWatch, goesOnAfterTheBrokerHasBeenRestarted) {
+  watch({});
+
+  device_.broker().restart();
+
+  int volume = 0;
+  EXPECT_TRUE(eventually([&] {
+    propctl("set --timeout 1 Audio.Volume=" + std::to_string(++volume % 10));
+    return watcher_->output().find("Audio.Volume=") != std::string::npos;
+  }));
+}
+
+TEST_F(PropctlWatch, printsWhatChangedWhileItWasCutOff) {
+  std::optional<TcpProxy> relay(std::in_place, std::uint16_t{1884}, std::uint16_t{1883});
+  watch({"--port", "1884"});
+  relay.reset();
+
+  device_.set("Audio.Volume", "7");
+  relay.emplace(std::uint16_t{1884}, std::uint16_t{1883});
+
+  EXPECT_TRUE(printsAtLast("Audio.Volume=7 (was 5)\n"));
+}
+
+}  // namespace
+}  // namespace propertyservice::test

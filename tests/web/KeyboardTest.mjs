@@ -1,0 +1,123 @@
+import assert from 'node:assert/strict';
+
+import { pageTest } from './support/fixture.mjs';
+import { answerShown, countShown, focusIsOn, stateShown, valueShown } from './support/questions.mjs';
+
+const activeKey = () => document.querySelector('.row.active')?.dataset.key;
+const isActive = (key) => document.querySelector('.row.active')?.dataset.key === key;
+
+pageTest('edits a property with the keyboard alone', async ({ page, device }) => {
+  await page.press('/');
+  await page.type('audio.volume');
+  await page.until(countShown, '1 of 221');
+  await page.press('ArrowDown', 'Enter');
+  await page.until(focusIsOn, '.editor textarea');
+  await page.type('7');
+  await page.press('Enter');
+  await page.until(answerShown, 'ok');
+  await page.press('Escape');
+
+  await page.until(focusIsOn, '#grid');
+  await page.until(valueShown, 'Audio.Volume', '7');
+  assert.equal(await device.valueOf('Audio.Volume'), '7');
+});
+
+pageTest('cancels with Escape', async ({ page, device }) => {
+  await page.press('/');
+  await page.type('audio.volume');
+  await page.until(countShown, '1 of 221');
+  await page.press('ArrowDown', 'Enter');
+  await page.until(focusIsOn, '.editor textarea');
+  await page.type('7');
+  await page.press('Escape');
+
+  await page.until(focusIsOn, '#grid');
+  assert.equal(await page.ask(() => document.querySelector('.editor')), null);
+  assert.equal(await device.valueOf('Audio.Volume'), '5');
+});
+
+pageTest('walks the list', async ({ page }) => {
+  await page.press('/', 'ArrowDown');
+  assert.equal(await page.ask(activeKey), 'Audio.AGC.Enabled');
+
+  await page.press('ArrowDown', 'ArrowDown', 'ArrowUp');
+  assert.equal(await page.ask(activeKey), 'Audio.AGC.TargetLevel');
+
+  await page.press('End');
+  await page.until(isActive, 'WebUI.User.Password');
+  assert.ok(
+    await page.ask(() => {
+      const row = document.querySelector('.row.active').getBoundingClientRect();
+      const grid = document.querySelector('#grid').getBoundingClientRect();
+      return row.top >= grid.top && row.bottom <= grid.bottom;
+    }),
+  );
+
+  await page.press('Home');
+  await page.until(isActive, 'Audio.AGC.Enabled');
+});
+
+pageTest('tells assistive technology which row is active', async ({ page }) => {
+  await page.press('/', 'ArrowDown', 'ArrowDown');
+
+  const [named, rowIndex, rowCount] = await page.ask(() => {
+    const grid = document.querySelector('#grid');
+    const row = document.getElementById(grid.getAttribute('aria-activedescendant'));
+    return [row.dataset.key, row.getAttribute('aria-rowindex'), grid.getAttribute('aria-rowcount')];
+  });
+  assert.deepEqual([named, rowIndex, rowCount], ['Audio.AGC.TargetLevel', '3', '222']);
+});
+
+pageTest('reaches everything with Tab, and shows where it is', async ({ page }) => {
+  const stops = [];
+  for (let stop = 0; stop < 4; ++stop) {
+    await page.press('Tab');
+    stops.push(
+      await page.ask(() => {
+        const focused = document.activeElement;
+        return [focused.id || focused.textContent, getComputedStyle(focused).outlineStyle];
+      }),
+    );
+  }
+
+  assert.deepEqual(stops, [
+    ['filter', 'solid'],
+    ['differing', 'solid'],
+    ['All221', 'solid'],
+    ['Audio16', 'solid'],
+  ]);
+});
+
+pageTest('marks the active row while the list has the focus', async ({ page }) => {
+  await page.press('/', 'ArrowDown');
+
+  assert.equal(await page.ask(() => getComputedStyle(document.querySelector('.row.active')).outlineStyle), 'solid');
+});
+
+pageTest('chooses a group and the toggle with the keyboard', async ({ page }) => {
+  await page.press('Tab', 'Tab', 'Space', 'Tab', 'Tab', 'Enter');
+
+  await page.until(countShown, '0 of 221');
+  assert.ok(await page.ask(() => document.querySelector('#differing').checked));
+});
+
+pageTest('types a slash where text is edited', async ({ page }) => {
+  await page.press('/');
+  await page.type('Europe/');
+
+  await page.until(countShown, '1 of 221');
+});
+
+pageTest('names everything that can be operated', async ({ page }) => {
+  await page.press('/');
+  await page.type('Display.Theme');
+  await page.until(countShown, '1 of 221');
+  await page.press('ArrowDown', 'Enter');
+  await page.until(stateShown, 'connected');
+
+  const { nodes } = await page.send('Accessibility.getFullAXTree');
+  const roles = ['button', 'checkbox', 'grid', 'searchbox', 'textbox'];
+  const operated = nodes.filter(({ role }) => roles.includes(role?.value));
+  assert.ok(operated.length > 15);
+  assert.deepEqual(operated.filter(({ name }) => !name?.value), []);
+});

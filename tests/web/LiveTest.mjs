@@ -1,0 +1,120 @@
+import assert from 'node:assert/strict';
+
+import { pageTest } from './support/fixture.mjs';
+import { answerShown, countShown, edit, stateShown, valueShown } from './support/questions.mjs';
+
+pageTest('shows a change made elsewhere, and has it light up', async ({ page, device }) => {
+  await device.set('Audio.Volume', '9');
+
+  await page.until(valueShown, 'Audio.Volume', '9');
+  assert.ok(await page.ask(() => document.querySelector('.row[data-key="Audio.Volume"]').matches('.changed')));
+});
+
+pageTest('does not move when motion is not wanted', async ({ page, device }) => {
+  await page.prefer({ 'reduced-motion': 'reduce' });
+
+  await device.set('Audio.Volume', '9');
+
+  await page.until(valueShown, 'Audio.Volume', '9');
+  const timing = await page.ask(
+    () => getComputedStyle(document.querySelector('.row[data-key="Audio.Volume"] .value')).animationTimingFunction,
+  );
+  assert.match(timing, /^steps?\(|^step-end/);
+});
+
+pageTest('shows several changes of one request', async ({ page, device }) => {
+  await device.request({ method: 'setVList', list: { 'Audio.Volume': '9', 'Audio.KeyClick': '0' } });
+
+  await page.until(valueShown, 'Audio.Volume', '9');
+  await page.until(valueShown, 'Audio.KeyClick', '0');
+});
+
+pageTest('shows a State key from its first change until it is removed', async ({ page, device }) => {
+  await device.set('State.Call.Count', '2');
+  await page.until(countShown, '222 of 222');
+  await page.press('/');
+  await page.type('State.');
+  await page.until(valueShown, 'State.Call.Count', '2');
+
+  await device.request({ method: 'resetVal', param: 'State.Call.Count' });
+
+  await page.until(countShown, '0 of 221');
+});
+
+pageTest('reads a State key that did not change yet', async ({ page, device }) => {
+  await device.set('State.Call.Count', '2');
+  await page.open('about:blank');
+  await page.open(device.url);
+  await page.until(countShown, '221 of 221');
+  await page.press('/');
+  await page.type('State.Call.Count');
+
+  await page.click('#empty button');
+
+  await page.until(valueShown, 'State.Call.Count', '2');
+});
+
+pageTest('says that the daemon is away, and reads what it holds when it is back', async ({ page, device }) => {
+  await device.stopDaemon();
+  await page.until(stateShown, 'service-away');
+  await device.query(`UPDATE settings SET value = '9' WHERE key = 'Audio.Volume'`);
+  await device.startDaemon();
+
+  await page.until(stateShown, 'connected');
+  await page.until(valueShown, 'Audio.Volume', '9');
+});
+
+const connectionRefused = /^WebSocket connection to 'ws:\/\/127\.0\.0\.1:9001\/' failed/;
+
+pageTest(
+  'says that the broker is away, and reads what changed when it is back',
+  async ({ page, device }) => {
+    await device.stopBroker();
+    await page.until(stateShown, 'broker-away');
+    await device.stopDaemon();
+    await device.query(`UPDATE settings SET value = '9' WHERE key = 'Audio.Volume'`);
+    await device.startBroker();
+    await device.startDaemon();
+
+    await page.until(stateShown, 'connected');
+    await page.until(valueShown, 'Audio.Volume', '9');
+  },
+  { tolerated: connectionRefused }, // the browser's own, for each attempt
+);
+
+pageTest(
+  'answers an edit at once while the broker is away',
+  async ({ page, device }) => {
+    await edit(page, 'Audio.Volume');
+    await device.stopBroker();
+    await page.until(stateShown, 'broker-away');
+
+    await page.type('8');
+    await page.press('Enter');
+
+    assert.match(await page.until(answerShown, 'refused'), /^No answer the broker is away/);
+  },
+  { tolerated: connectionRefused },
+);
+
+pageTest('takes no late reply for the answer to a later request', async ({ page, device }) => {
+  await edit(page, 'Audio.Volume');
+  device.pauseDaemon();
+  await page.type('99');
+  await page.press('Enter');
+  await page.until(answerShown, 'refused');
+  await page.press('Escape');
+  await edit(page, 'Audio.KeyClick');
+  await page.type('0');
+  await page.press('Enter');
+  device.resumeDaemon();
+
+  assert.equal(await page.until(answerShown, 'ok'), 'Ok Saved.');
+});
+
+pageTest('says that the broker does not admit it', async ({ page, device }) => {
+  await page.open('about:blank');
+  await page.open(device.url.replace(/#.*/, '#wrong'));
+
+  await page.until(stateShown, 'refused');
+});
