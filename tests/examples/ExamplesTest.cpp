@@ -38,5 +38,17 @@ TEST_F(Examples, areBuiltWithPkgConfigAndRun) {
   EXPECT_EQ(run({program}), "was 5, set to 7: Ok\n");
 }
 
+TEST_F(Examples, sayThatThereIsNoBroker) {
+  const std::string program = directory_.path("volume");
+  run({"sh", "-c",
+       COMPILER " -std=c++20 " SOURCE_DIRECTORY "/examples/volume.cpp $(PKG_CONFIG_PATH=" + prefix_ +
+           "/" LIBRARY_DIRECTORY "/pkgconfig pkg-config --cflags --libs propclient) -o " + program});
+
+  device_.broker().stop();
+
+  EXPECT_EQ(run({"sh", "-c", program + " 2>&1; echo $?"}),
+            "no connection to the broker at localhost:1883: Connection refused\n1\n");
+}
+
 }  // namespace
 }  // namespace propertyservice::test

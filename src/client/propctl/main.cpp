@@ -209,7 +209,7 @@ class CommandLine {
     verb->group("");
     verb->add_option("PREFIX", name_, "");
     onSession(verb, [this](Session& session) { return completeKeys(session, name_); },
-              {.timeout = kCompletionTimeout});
+              {.timeout = kCompletionTimeout, .oneDevice = true});
   }
 
   void addWrites() {

@@ -53,6 +53,7 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"--device a/b ping", "no serial number"},
         Misuse{"--device , ping", "--device: no serial number"},
         Misuse{"--device A,B watch", "this command takes one device at a time"},
+        Misuse{"--device A,B complete-keys", "this command takes one device at a time"},
         Misuse{"ping ping", "The following argument was not expected"},
         Misuse{"$'get\\n' x", "The following arguments were not expected"}));
 
