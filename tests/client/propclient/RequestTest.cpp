@@ -1,4 +1,5 @@
 #include <memory>
+#include <ostream>
 #include <set>
 
 #include "propclient/Json.h"
@@ -174,6 +175,8 @@ TEST(Request, isGivenUpWithoutAValue) {
 struct Reply {
   const char* text;
   std::set<std::string> requests;
+
+  friend void PrintTo(const Reply& reply, std::ostream* stream) { *stream << reply.text; }
 };
 
 class RequestReplies : public testing::TestWithParam<Reply> {
