@@ -8,7 +8,8 @@
 namespace propctl {
 
 /// A value as part of a line: backslash, line feed, carriage return and tab as `\\`, `\n`, `\r` and `\t`,
-/// each byte of other control characters as `\xNN`. So a line stays a line, and no value speaks to a terminal.
+/// each byte of other control characters as `\xNN`. So a line stays a line, and no value speaks to a
+/// terminal.
 std::string escaped(std::string_view value);
 
 /// The reverse. A backslash before anything else stands for itself.
