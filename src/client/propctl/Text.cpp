@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <set>
 #include <sstream>
+#include <system_error>
 
 #include "client/check/JsonSource.h"
 #include "client/propctl/ExitStatus.h"
@@ -213,7 +213,7 @@ std::vector<Assignment> readDumpFile(const std::string& file) {
     text.append(part, bytes);
   }
   if (!stream || std::ferror(stream.get()) != 0) {
-    throw Failure(ExitStatus::refused, source + ": " + std::strerror(errno));
+    throw Failure(ExitStatus::refused, source + ": " + std::generic_category().message(errno));
   }
   if (text.starts_with(kByteOrderMark)) {
     text.erase(0, kByteOrderMark.size());
