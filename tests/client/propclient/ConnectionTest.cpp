@@ -202,11 +202,14 @@ class Encrypted : public testing::Test {
 
 TEST_F(Encrypted, reachesTheDaemon) {
   Device device(Device::defaultRows(), brokerConfiguration());
-  device.start();
-  Client client(options("authority"));
+  device.launch();
+  Options patient = options("authority");
+  patient.timeout = 6s;
+  Client client(patient);
 
   client.connect();
 
+  ASSERT_TRUE(eventually([&] { return client.ping().ok(); }));  // once the daemon is up
   EXPECT_EQ(client.get("Audio.Volume").value, "5");
   EXPECT_EQ(client.list("%").value.size(), Device::defaultRows().size());
 }
