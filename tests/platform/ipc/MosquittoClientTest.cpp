@@ -478,6 +478,7 @@ TEST_F(BusClient, tellsOfEachLoss) {
     broker_.start();
     client_->publish("in/a", "back", 1);
     EXPECT_THAT(recorder_.messages(loss), SizeIs(loss));
+    EXPECT_THAT(recorder_.deliveries(loss), SizeIs(loss));  // unacknowledged it would come again
   }
 }
 
