@@ -5,7 +5,6 @@
 #include <atomic>
 #include <exception>
 #include <fnmatch.h>
-#include <iostream>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -32,6 +31,7 @@ class Round {
         command_(command) {}
 
   ExitStatus run(unsigned jobs) {
+    tellProgress();
     std::vector<std::jthread> workers;
     for (std::size_t i = 0; i < std::min<std::size_t>(jobs, serials_.size()); ++i) {
       workers.emplace_back([this] { work(); });
@@ -50,7 +50,7 @@ class Round {
       std::ostringstream errors;
       Style style = output_.style();
       style.device = serials_[i];
-      style.table = style.progress = false;
+      style.table = style.colour = style.progress = false;
       Output output(results, errors, style);
       const ExitStatus status = runOn(serials_[i], output);
       if (!output.hasSpoken() && !style.quiet && !style.json) {
@@ -82,17 +82,18 @@ class Round {
 
   void conclude(ExitStatus status, const std::string& results, const std::string& errors) {
     const std::lock_guard lock(mutex_);
-    output_.progress("");
-    std::cout << results;
-    std::cerr << errors;
     try {
-      output_.flush();
+      output_.pass(results, errors);
     } catch (...) {
       failure_ = std::current_exception();
       next_ = serials_.size();
     }
     ++concluded_[static_cast<std::size_t>(status)];
     ++devices_;
+    tellProgress();
+  }
+
+  void tellProgress() {
     output_.progress(std::to_string(devices_) + " of " + std::to_string(serials_.size()) + " devices");
   }
 
@@ -122,10 +123,35 @@ class Round {
   std::exception_ptr failure_;
 };
 
+bool isSerialPattern(const std::string& text) {
+  return text.find_first_of("*?[") != std::string::npos;
+}
+
 }  // namespace
 
-bool isSerialPattern(const std::string& serial) {
-  return serial.find_first_of("*?[") != std::string::npos;
+bool areSerials(const std::string& argument) {
+  return isSerialPattern(argument) || argument.find('@') != std::string::npos ||
+         splitList(argument).size() > 1;
+}
+
+std::vector<std::string> readSerials(const std::string& argument) {
+  std::vector<std::string> serials;
+  for (const std::string& part : splitList(argument)) {
+    if (!part.starts_with('@')) {
+      serials.push_back(part);
+      continue;
+    }
+    std::istringstream lines(readText(part.substr(1)));
+    for (std::string line; std::getline(lines, line);) {
+      if (line = withoutBlanks(line); !line.empty() && !line.starts_with('#')) {
+        serials.push_back(line);
+      }
+    }
+  }
+  if (serials.empty()) {
+    throw Failure(ExitStatus::usage, "--device: no serial number in " + escaped(argument));
+  }
+  return serials;
 }
 
 std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
@@ -155,8 +181,14 @@ ExitStatus runOnDevices(const std::vector<std::string>& wanted, const propclient
                         unsigned jobs, Output& output, const std::function<ExitStatus(Session&)>& command) {
   std::map<std::string, bool> known;
   if (std::any_of(wanted.begin(), wanted.end(), isSerialPattern)) {
+    propclient::Options controller = options;
+    controller.name = options.name.empty() ? options.user : options.name;
+    if (controller.name.empty()) {
+      throw Failure(ExitStatus::usage,
+                    "a pattern of serial numbers takes --name, which the central broker knows");
+    }
     try {
-      known = propclient::knownDevices(options);
+      known = propclient::knownDevices(controller);
     } catch (const propclient::ConnectionError& error) {
       throw Failure(ExitStatus::noAnswer, error.what());
     }

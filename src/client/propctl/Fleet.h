@@ -9,10 +9,15 @@
 
 namespace propctl {
 
-/// Whether a serial number is a pattern of the shell's kind ("*", "?", "[…]").
-bool isSerialPattern(const std::string& serial);
+/// Whether an argument of --device may stand for more than one device.
+bool areSerials(const std::string& argument);
 
-/// The serial numbers that `wanted` stand for, each once, sorted: patterns for all `known` ones that match.
+/// The serial numbers and patterns in "A,B,…"; "@FILE" stands for those in a file, one on each line, where
+/// empty lines and lines that begin with "#" are skipped. Throws `Failure`.
+std::vector<std::string> readSerials(const std::string& argument);
+
+/// The serial numbers that `wanted` stand for, each once, sorted: patterns of the shell's kind ("*", "?",
+/// "[…]") for all `known` ones that match.
 /// Throws `Failure` for a pattern that none matches.
 std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
                                        const std::map<std::string, bool>& known);

@@ -28,7 +28,8 @@ Answer withProgress(Output& output, const std::string& what, std::future<Answer>
 }
 
 ExitStatus maintain(Session& session, const std::string& what, const std::function<Answer(Client&)>& request,
-                    const std::string& done) {
+                    const std::string& done,
+                    const std::string& whyFailed = reasonFor(Status::dbError, "", {})) {
   Output& output = session.output();
   const auto answer = session.answered(
       withProgress(output, what, std::async(std::launch::async, [&] { return request(session.client()); })));
@@ -39,7 +40,7 @@ ExitStatus maintain(Session& session, const std::string& what, const std::functi
   }
   if (!answer.ok()) {
     output.complain(what + ": " + propclient::toText(answer.status) + ": " +
-                    reasonFor(answer.status, "", {}));
+                    (answer.status == Status::dbError ? whyFailed : reasonFor(answer.status, "", {})));
     return ExitStatus::refused;
   }
   output.remark(done);
@@ -63,7 +64,8 @@ ExitStatus backup(Session& session, bool allSettings) {
 ExitStatus restore(Session& session) {
   return maintain(
       session, "restore", [](Client& client) { return client.restore(); },
-      "restored from /config/user_backup.csv on the device");
+      "restored from /config/user_backup.csv on the device",
+      "there is no /config/user_backup.csv on the device, or it cannot be read: the daemon's log says which");
 }
 
 ExitStatus sysdump(Session& session) {
@@ -94,7 +96,7 @@ ExitStatus ping(Session& session, unsigned count) {
     times.push_back(Clock::now() - start);
     const std::string time = inMilliseconds(times.back());
     if (output.style().json) {
-      inJson.append(std::chrono::duration<double, std::milli>(times.back()).count());
+      inJson.append(Json::Int64{std::chrono::round<std::chrono::microseconds>(times.back()).count()});
     } else {
       output.line("answer from " + session.where() + " in " + time + " ms");
       output.flush();
@@ -102,7 +104,7 @@ ExitStatus ping(Session& session, unsigned count) {
   }
   if (output.style().json) {
     Json::Value object;
-    object["milliseconds"] = inJson;
+    object["microseconds"] = inJson;
     output.json(object);
   } else if (count > 1) {
     std::sort(times.begin(), times.end());

@@ -14,6 +14,8 @@ namespace propctl {
 namespace {
 
 constexpr char kBold[] = "\033[1m";
+constexpr char kPale[] = "\033[2m";
+constexpr char kMarked[] = "\033[33m";
 constexpr char kPlain[] = "\033[0m";
 constexpr char kClearLine[] = "\r\033[K";
 
@@ -44,8 +46,7 @@ std::string aligned(const std::vector<std::string>& cells, const std::vector<std
 }  // namespace
 
 void Output::line(const std::string& text) {
-  out_ << prefix_ << text << '\n';
-  spoken_ = true;
+  write(prefix_ + text + '\n');
 }
 
 void Output::value(const std::string& value) {
@@ -53,22 +54,20 @@ void Output::value(const std::string& value) {
 }
 
 void Output::json(const Json::Value& document) {
-  spoken_ = true;
   if (style_.device.empty()) {
-    out_ << propertyservice::json::write(document);
+    write(propertyservice::json::write(document));
     return;
   }
   Json::Value ofDevice;
   ofDevice["device"] = style_.device;
   ofDevice["result"] = document;
-  out_ << propertyservice::json::write(ofDevice);
+  write(propertyservice::json::write(ofDevice));
 }
 
-void Output::table(const std::vector<std::string>& headings,
-                   const std::vector<std::vector<std::string>>& rows) {
+void Output::table(const std::vector<std::string>& headings, const std::vector<Row>& rows) {
   if (!style_.table) {
-    for (const auto& row : rows) {
-      line(joined(row, "\t"));
+    for (const Row& row : rows) {
+      line(joined(row.cells, "\t"));
     }
     return;
   }
@@ -77,15 +76,27 @@ void Output::table(const std::vector<std::string>& headings,
   for (const std::string& heading : headings) {
     widths.push_back(widthOf(heading));
   }
-  for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], widthOf(row[i]));
+  for (const Row& row : rows) {
+    for (std::size_t i = 0; i < row.cells.size(); ++i) {
+      widths[i] = std::max(widths[i], widthOf(row.cells[i]));
     }
   }
-  line(kBold + aligned(headings, widths) + kPlain);
-  for (const auto& row : rows) {
-    line(aligned(row, widths));
+  line(inColour(kBold, aligned(headings, widths)));
+  for (const Row& row : rows) {
+    const std::string text = aligned(row.cells, widths);
+    line(row.marked ? inColour(kMarked, text) : text);
   }
+}
+
+std::string Output::pale(const std::string& text) const {
+  return inColour(kPale, text);
+}
+
+void Output::pass(const std::string& results, const std::string& errors) {
+  progress("");
+  write(results);
+  flush();
+  errors_ << errors << std::flush;
 }
 
 void Output::complain(const std::string& text) {
@@ -110,11 +121,25 @@ void Output::progress(const std::string& text) {
 
 void Output::flush() {
   errno = 0;
-  out_.flush();
-  if (out_) {
-    return;
+  if (!out_.flush()) {
+    giveUp(errno);
   }
-  if (errno == EPIPE) {
+}
+
+void Output::write(const std::string& text) {
+  spoken_ = true;
+  errno = 0;
+  if (!(out_ << text)) {
+    giveUp(errno);
+  }
+}
+
+std::string Output::inColour(const char* colour, const std::string& text) const {
+  return style_.colour ? colour + text + kPlain : text;
+}
+
+void Output::giveUp(int reason) {
+  if (reason == EPIPE) {
     // Whoever read has had enough: end as any other program of a pipeline does. The client's thread, where
     // changes are printed, blocks all signals.
     std::signal(SIGPIPE, SIG_DFL);
@@ -125,8 +150,7 @@ void Output::flush() {
     std::raise(SIGPIPE);
   }
   throw Failure(ExitStatus::refused,
-                std::string("cannot write the output: ") +
-                    (errno != 0 ? std::generic_category().message(errno) : "standard output failed"));
+                std::string("cannot write the output: ") + std::generic_category().message(reason));
 }
 
 }  // namespace propctl

@@ -12,13 +12,20 @@ namespace propctl {
 struct Style {
   bool json = false;        ///< One JSON document on standard output instead of text.
   bool quiet = false;       ///< Nothing but what was asked for, and errors.
-  bool table = false;       ///< Aligned, with headings and colours: for a terminal.
+  bool table = false;       ///< Aligned, with headings: for a terminal.
+  bool colour = false;      ///< With colours: for a terminal whose user has nothing against them.
   std::string device = {};  ///< Not empty: one of several, whose number stands before each line.
   bool progress = false;    ///< Standard error is a terminal: show that something goes on.
 };
 
+/// A line of a table. One that is marked is shown in another colour.
+struct Row {
+  std::vector<std::string> cells;
+  bool marked = false;
+};
+
 /// What a command says: results on standard output, everything else on standard error. Not safe for
-/// concurrent use.
+/// concurrent use. What says a result throws `Failure` when it cannot be written, at the latest `flush`.
 class Output {
  public:
   Output(std::ostream& out, std::ostream& errors, Style style)
@@ -41,7 +48,13 @@ class Output {
   void json(const Json::Value& document);
 
   /// Rows of columns: tabs between them, or aligned under `headings` on a terminal.
-  void table(const std::vector<std::string>& headings, const std::vector<std::vector<std::string>>& rows);
+  void table(const std::vector<std::string>& headings, const std::vector<Row>& rows);
+
+  /// The text, paler where there are colours.
+  std::string pale(const std::string& text) const;
+
+  /// Passes on, line by line, what another one has said.
+  void pass(const std::string& results, const std::string& errors);
 
   /// An error, one line.
   void complain(const std::string& text);
@@ -52,10 +65,13 @@ class Output {
   /// Overwrites what it said before, on a terminal; the empty text ends it.
   void progress(const std::string& text);
 
-  /// Throws `Failure` when what was written does not arrive.
   void flush();
 
  private:
+  void write(const std::string& text);
+  std::string inColour(const char* colour, const std::string& text) const;
+  [[noreturn]] static void giveUp(int reason);
+
   std::ostream& out_;
   std::ostream& errors_;
   const Style style_;

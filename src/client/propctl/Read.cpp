@@ -39,13 +39,6 @@ std::vector<Columns> listSorted(Session& session, const std::string& pattern, co
   return properties;
 }
 
-std::string whyNot(const std::string& name, Status status) {
-  if (isPattern(name)) {
-    return isState(name) ? "keys of run-time state are not found by patterns" : "nothing matches";
-  }
-  return reasonFor(status, "", {});
-}
-
 /// What "get" has found, in the order of the arguments.
 class Values {
  public:
@@ -72,7 +65,7 @@ class Values {
                     [&](const auto& property) { output.value(property.value); });
     } else {
       for (const Assignment& property : found_) {
-        output.line(property.name + '=' + escaped(property.value));
+        output.line(toLine(property));
       }
     }
     return status_;
@@ -211,14 +204,15 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
     output.json(rows);
     return ExitStatus::done;
   }
-  std::vector<Names> rows;
+  std::vector<Row> rows;
   for (const Columns& property : properties) {
-    Names& row = rows.emplace_back();
+    Row& row = rows.emplace_back();
+    row.marked = isChanged(property);
     for (const std::string& column : columns) {
       const bool inWords = column == column::kFlags;
-      row.push_back(inWords ? flagsInWords(property) : escaped(columnOf(property, column)));
-      if (column == column::kDefaultValues && isChanged(property)) {
-        row.back().insert(0, output.style().table ? "* " : "");
+      row.cells.push_back(inWords ? flagsInWords(property) : escaped(columnOf(property, column)));
+      if (column == column::kDefaultValues && row.marked) {
+        row.cells.back().insert(0, output.style().table ? "* " : "");
       }
     }
   }
@@ -264,7 +258,7 @@ ExitStatus dump(Session& session) {
     output.json(object);
   } else {
     for (const auto& [name, value] : answer.value) {
-      output.line(name + '=' + escaped(value));
+      output.line(toLine({name, value}));
     }
   }
   return ExitStatus::done;
@@ -275,7 +269,7 @@ ExitStatus completeKeys(Session& session, const std::string& prefix) {
   for (const Columns& property : answer.value) {
     const std::string& key = columnOf(property, column::kKey);
     if (key.starts_with(prefix)) {
-      session.output().line(key);
+      session.output().line(escaped(key));
     }
   }
   return ExitStatus::done;

@@ -132,6 +132,13 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
   return "";
 }
 
+std::string whyNot(const std::string& name, Status status) {
+  if (status == Status::notFound && isPattern(name)) {
+    return isState(name) ? "keys of run-time state are not found by patterns" : "nothing matches";
+  }
+  return reasonFor(status, "", {});
+}
+
 std::vector<std::string> rulesOf(const Columns& property) {
   std::vector<std::string> rules;
   if ((flagsOf(property) & kReadOnlyFlag) != 0) {

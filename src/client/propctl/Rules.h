@@ -16,6 +16,9 @@ Status judge(const std::string& value, const Columns& property);
 /// Why a write of `value` was refused: the rule of `property` (empty where it is not known) that it breaks.
 std::string reasonFor(Status status, const std::string& value, const Columns& property);
 
+/// Why there is nothing to read or to reset by `name`, which may be a pattern.
+std::string whyNot(const std::string& name, Status status);
+
 /// The rules that a value has to obey, a line each.
 std::vector<std::string> rulesOf(const Columns& property);
 

@@ -34,10 +34,15 @@ std::string Session::where() const {
 void Session::throwNoAnswer() const {
   std::ostringstream text;
   text << "no answer from " << where() << " within " << static_cast<double>(options_.timeout.count()) / 1000.0
-       << " s: PropertyService is away, or the broker's access list does not let "
-       << (options_.user.empty() ? "a client without --user" : '"' + options_.user + '"') << " ask as "
-       << (options_.name.empty() ? (options_.user.empty() ? "itself" : '"' + options_.user + '"')
-                                 : '"' + options_.name + '"');
+       << " s: " << (options_.device.empty() ? "" : "the device or its ")
+       << "PropertyService is away, or the broker's access list does not let "
+       << (options_.user.empty() ? "this client" : '"' + options_.user + '"') << " ask";
+  if (const std::string& name = options_.name.empty() ? options_.user : options_.name; !name.empty()) {
+    text << " as \"" << name << '"';
+  }
+  if (options_.user.empty() && !options_.tls) {
+    text << " without --user";
+  }
   throw Failure(ExitStatus::noAnswer, text.str());
 }
 

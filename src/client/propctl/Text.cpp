@@ -105,8 +105,8 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
       throw Failure(ExitStatus::refused, source + ':' + std::to_string(number) +
                                              ": NAME=VALUE expected: " + escaped(line.substr(0, kExcerpt)));
     }
-    auto [name, value] = cut(line);
-    assignments.push_back({std::move(name), unescaped(value)});
+    const auto [name, value] = cut(line);
+    assignments.push_back({unescaped(name), unescaped(value)});
   }
   return assignments;
 }
@@ -133,6 +133,10 @@ std::vector<Assignment> readJson(const std::string& text, const std::string& sou
     assignments.push_back({member.name(), member->asString()});
   }
   return assignments;
+}
+
+std::string sourceName(const std::string& file) {
+  return file == "-" ? "standard input" : file;
 }
 
 struct Close {
@@ -180,6 +184,15 @@ std::string unescaped(std::string_view text) {
   return value;
 }
 
+std::string toLine(const Assignment& assignment) {
+  std::string name;
+  for (const char byte : escaped(assignment.name)) {
+    const bool wouldBeAnother = byte == '=' || (name.empty() && (byte == '#' || byte == '{'));
+    wouldBeAnother ? appendHex(byte, name) : name.push_back(byte);
+  }
+  return name + '=' + escaped(assignment.value);
+}
+
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments) {
   if (arguments.size() == 2 && arguments[0].find('=') == std::string::npos) {
     return {{arguments[0], arguments[1]}};
@@ -203,9 +216,8 @@ std::vector<Assignment> readDump(const std::string& text, const std::string& sou
   return assignments;
 }
 
-std::vector<Assignment> readDumpFile(const std::string& file) {
+std::string readText(const std::string& file) {
   const bool isInput = file == "-";
-  const std::string source = isInput ? "standard input" : file;
   const std::unique_ptr<std::FILE, Close> stream(isInput ? stdin : std::fopen(file.c_str(), "r"));
   std::string text;
   char part[4096];
@@ -213,19 +225,29 @@ std::vector<Assignment> readDumpFile(const std::string& file) {
     text.append(part, bytes);
   }
   if (!stream || std::ferror(stream.get()) != 0) {
-    throw Failure(ExitStatus::refused, source + ": " + std::generic_category().message(errno));
+    throw Failure(ExitStatus::refused, sourceName(file) + ": " + std::generic_category().message(errno));
   }
   if (text.starts_with(kByteOrderMark)) {
     text.erase(0, kByteOrderMark.size());
   }
-  return readDump(text, source);
+  return text;
+}
+
+std::vector<Assignment> readDumpFile(const std::string& file) {
+  return readDump(readText(file), sourceName(file));
+}
+
+std::string withoutBlanks(const std::string& text) {
+  constexpr char kBlanks[] = " \t\r";
+  const std::size_t first = text.find_first_not_of(kBlanks);
+  return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
 std::vector<std::string> splitList(const std::string& text) {
   std::vector<std::string> parts;
   std::istringstream stream(text);
   for (std::string part; std::getline(stream, part, ',');) {
-    if (!part.empty()) {
+    if (part = withoutBlanks(part); !part.empty()) {
       parts.push_back(part);
     }
   }

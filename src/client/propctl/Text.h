@@ -26,15 +26,23 @@ struct Assignment {
 /// `Failure` (usage) for anything else and for a name that is given twice.
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
 
-/// What "dump" writes: a line "NAME=VALUE" each, the value escaped; empty lines and lines that begin with "#"
+/// The line "NAME=VALUE", with all escaped that would make another of it.
+std::string toLine(const Assignment& assignment);
+
+/// What "dump" writes: a line as of `toLine` each; empty lines and lines that begin with "#"
 /// are skipped. Or a JSON object with texts, integers or booleans. Throws `Failure` with `source` and the
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 
-/// The same from a file; "-": standard input.
+/// What a file holds, without a mark of its byte order; "-": standard input. Throws `Failure`.
+std::string readText(const std::string& file);
+
+/// What "dump" has written to a file; "-": standard input.
 std::vector<Assignment> readDumpFile(const std::string& file);
 
-/// The parts of "A,B,…", without empty ones.
+std::string withoutBlanks(const std::string& text);  ///< At both ends.
+
+/// The parts of "A,B,…" without the blanks around them, and without empty ones.
 std::vector<std::string> splitList(const std::string& text);
 
 bool isPattern(std::string_view name);

@@ -13,8 +13,8 @@ namespace propctl {
 
 namespace {
 
-/// Local, to the millisecond: "2026-11-21T08:15:30.123".
-std::string now() {
+/// Local, to the millisecond: "2026-11-21T08:15:30.123"; for programs with the zone: "+0100" behind it.
+std::string now(const char* zone = "") {
   using namespace std::chrono;
   const auto time = system_clock::now();
   const std::time_t seconds = system_clock::to_time_t(time);
@@ -22,7 +22,7 @@ std::string now() {
   localtime_r(&seconds, &local);
   std::ostringstream text;
   text << std::put_time(&local, "%Y-%m-%dT%H:%M:%S.") << std::setw(3) << std::setfill('0')
-       << duration_cast<milliseconds>(time.time_since_epoch()).count() % 1000;
+       << duration_cast<milliseconds>(time.time_since_epoch()).count() % 1000 << std::put_time(&local, zone);
   return text.str();
 }
 
@@ -62,17 +62,17 @@ class Printer {
 
  private:
   void printLine(const propclient::Change& change) {
-    std::string line = now() + ' ' + escaped(change.key);
-    line += change.value ? '=' + escaped(*change.value) : " removed";
+    std::string line = output_.pale(now()) + ' ';
+    line += change.value ? toLine({change.key, *change.value}) : escaped(change.key) + " removed";
     if (withOld_ && change.old) {
-      line += " (was " + escaped(*change.old) + ')';
+      line += output_.pale(" (was " + escaped(*change.old) + ')');
     }
     output_.line(line);
   }
 
   void printJson(const propclient::Change& change) {
     Json::Value object;
-    object["time"] = now();
+    object["time"] = now("%z");
     object["key"] = change.key;
     object["value"] = toJson(change.value);
     if (withOld_) {
@@ -102,6 +102,7 @@ sigset_t blockEndSignals() {
 }  // namespace
 
 ExitStatus watch(Session& session, const Names& groups, bool withOld, std::optional<unsigned> count) {
+  session.answered(session.client().ping());
   const sigset_t ends = blockEndSignals();
   Printer printer(session.output(), withOld, count);
   try {

@@ -14,20 +14,55 @@ using propclient::Values;
 
 namespace {
 
-/// Empty where the property, or its kind, has no metadata.
-Columns metadataOf(Session& session, const std::string& name, Field field) {
-  if (isPattern(name) || (field == Field::key && isState(name))) {
-    return {};
+using Listed = propclient::Answer<std::vector<Columns>>;
+
+/// Asks for all columns of each name that may have some. One request each, all under way at once: a reply
+/// with all properties may be larger than the broker lets pass.
+std::map<std::string, Listed> listEach(Session& session, const Names& names, Field field) {
+  std::map<std::string, std::future<Listed>> answers;
+  for (const std::string& name : names) {
+    if (isPattern(name) || (field == Field::key && isState(name))) {
+      continue;
+    }
+    const auto promise = std::make_shared<std::promise<Listed>>();
+    answers.emplace(name, promise->get_future());
+    session.client().list(name, {}, field, [promise](const Listed& answer) { promise->set_value(answer); });
   }
-  const auto answer = session.client().list(name, {}, field);
-  return answer.ok() && !answer.value.empty() ? answer.value.front() : Columns{};
+  std::map<std::string, Listed> listed;
+  for (auto& [name, answer] : answers) {
+    listed.emplace(name, answer.get());
+  }
+  return listed;
+}
+
+/// The columns of a name, none where there are none or no answer.
+Columns columnsIn(const std::map<std::string, Listed>& listed, const std::string& name) {
+  const auto found = listed.find(name);
+  return found != listed.end() && !found->second.value.empty() ? found->second.value.front() : Columns{};
 }
 
 std::string refusal(Status status, const std::string& value, const Columns& property) {
   return std::string(propclient::toText(status)) + ": " + reasonFor(status, value, property);
 }
 
-/// Writes all, and complains of each that was not taken, in the order in which they were given.
+/// Complains of each that was not taken, in the order in which they were given.
+void complainOfFailures(Session& session, const std::vector<Assignment>& assignments, Field field,
+                        const std::map<std::string, Status>& statuses) {
+  Names refused;
+  for (const auto& [name, status] : statuses) {
+    if (status != Status::ok && status != Status::noAnswer) {
+      refused.push_back(name);
+    }
+  }
+  const auto listed = listEach(session, refused, field);
+  for (const auto& [name, value] : assignments) {
+    if (const Status status = statuses.at(name); status != Status::ok) {
+      session.output().complain(escaped(name) + ": " + refusal(status, value, columnsIn(listed, name)));
+    }
+  }
+}
+
+/// Writes all that can be written.
 ExitStatus write(Session& session, const std::vector<Assignment>& assignments, Field field, bool sayHowMany) {
   Values values;
   for (const auto& [name, value] : assignments) {
@@ -35,68 +70,44 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   }
   const std::map<std::string, Status> statuses = session.client().setEach(values, field);
 
-  Output& output = session.output();
   Json::Value outcome(Json::objectValue);
-  std::size_t written = 0;
-  bool silent = false;
-  bool refused = false;
-  for (const auto& [name, value] : assignments) {
-    const Status status = statuses.at(name);
+  std::map<Status, std::size_t> counts;
+  for (const auto& [name, status] : statuses) {
     outcome[name] = propclient::toText(status);
-    if (status == Status::ok) {
-      ++written;
-    } else if (status == Status::noAnswer) {
-      silent = true;
-    } else {
-      refused = true;
-      output.complain(escaped(name) + ": " + refusal(status, value, metadataOf(session, name, field)));
-    }
+    ++counts[status];
   }
-  if (output.style().json) {
-    output.json(outcome);
+  const std::size_t written = counts[Status::ok];
+  const std::size_t silent = counts[Status::noAnswer];
+  if (silent != statuses.size()) {
+    complainOfFailures(session, assignments, field, statuses);
+  }
+  if (session.output().style().json) {
+    session.output().json(outcome);
   }
   if (sayHowMany) {
-    output.remark(std::to_string(written) + " of " + std::to_string(assignments.size()) + " written");
+    session.output().remark(std::to_string(written) + " of " + std::to_string(statuses.size()) + " written");
   }
-  if (silent) {
+  if (silent != 0) {
     session.throwNoAnswer();
   }
-  return refused ? ExitStatus::refused : ExitStatus::done;
-}
-
-/// All columns of each, by name; nothing for one that there is not. One request each, all under way at once:
-/// a reply with all properties may be larger than the broker lets pass.
-std::map<std::string, Columns> readProperties(Session& session, const std::vector<Assignment>& assignments,
-                                              Field field) {
-  using Answer = propclient::Answer<std::vector<Columns>>;
-  std::map<std::string, std::future<Answer>> answers;
-  for (const auto& [name, value] : assignments) {
-    if (isPattern(name)) {
-      continue;
-    }
-    const auto promise = std::make_shared<std::promise<Answer>>();
-    answers.emplace(name, promise->get_future());
-    session.client().list(name, {}, field, [promise](const Answer& answer) { promise->set_value(answer); });
-  }
-  std::map<std::string, Columns> properties;
-  for (auto& [name, future] : answers) {
-    const Answer answer = session.answered(future.get());
-    if (answer.ok() && !answer.value.empty()) {
-      properties.emplace(name, answer.value.front());
-    }
-  }
-  return properties;
+  return written == statuses.size() ? ExitStatus::done : ExitStatus::refused;
 }
 
 ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, Field field) {
-  const std::map<std::string, Columns> properties = readProperties(session, assignments, field);
+  Names names;
+  for (const Assignment& assignment : assignments) {
+    names.push_back(assignment.name);
+  }
+  const auto listed = listEach(session, names, field);
   std::size_t refused = 0;
   Json::Value outcomes(Json::objectValue);
   Output& output = session.output();
   for (const auto& [name, value] : assignments) {
-    const auto property = properties.find(name);
+    if (const auto answer = listed.find(name); answer != listed.end()) {
+      session.answered(answer->second);
+    }
     const bool state = field == Field::key && isState(name);
-    const Columns columns = property != properties.end() ? property->second : Columns{};
+    const Columns columns = columnsIn(listed, name);
     const Status verdict = state ? Status::ok : columns.empty() ? Status::notFound : judge(value, columns);
     std::string outcome = "would be written";
     if (verdict != Status::ok) {
@@ -107,7 +118,7 @@ ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, 
     }
     outcomes[name] = outcome;
     if (!output.style().json) {
-      output.line(escaped(name) + '=' + escaped(value) + ": " + outcome);
+      output.line(toLine({name, value}) + ": " + outcome);
     }
   }
   if (output.style().json) {
@@ -159,7 +170,7 @@ ExitStatus reset(Session& session, const Names& names) {
     const Values before = valuesMatching(session, name);
     const Status answer = session.answered(session.client().reset(name)).status;
     if (answer != Status::ok) {
-      output.complain(escaped(name) + ": " + refusal(answer, "", {}));
+      output.complain(escaped(name) + ": " + propclient::toText(answer) + ": " + whyNot(name, answer));
       status = ExitStatus::refused;
     }
     const Values after = valuesMatching(session, name);

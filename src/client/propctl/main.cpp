@@ -1,7 +1,10 @@
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
 #include <functional>
 #include <iostream>
+#include <string_view>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -53,6 +56,23 @@ void takeAsGiven(std::string& argument) {
   }
 }
 
+/// no-color.org
+bool wantsColours() {
+  const char* refusal = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return (!refusal || *refusal == '\0') && (!terminal || std::string_view(terminal) != "dumb");
+}
+
+/// A descriptor that the caller has closed must not become the connection to the broker: what is written to
+/// standard output would go there. To read from it, or to write to it, still fails.
+void occupyStandardDescriptors() {
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) < 0) {
+      open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
 /// What a command needs besides a session.
 struct Needs {
   std::chrono::milliseconds timeout = kTimeout;
@@ -88,9 +108,7 @@ class CommandLine {
       app_.exit(request);
       return ExitStatus::done;
     } catch (const CLI::ParseError& error) {
-      std::string text = error.what();
-      text.erase(text.find_last_not_of('\n') + 1);
-      throw Failure(ExitStatus::usage, escaped(text) + "; see propctl --help");
+      throw Failure(ExitStatus::usage, complaintOf(error));
     }
     for (std::string* text : {&name_, &pattern_, &columns_, &device_, &connection_.host, &connection_.user,
                               &connection_.passwordFile, &connection_.name, &connection_.caFile,
@@ -102,6 +120,7 @@ class CommandLine {
                   {.json = json_,
                    .quiet = quiet_,
                    .table = isatty(STDOUT_FILENO) != 0 && !json_,
+                   .colour = isatty(STDOUT_FILENO) != 0 && !json_ && wantsColours(),
                    .progress = isatty(STDERR_FILENO) != 0});
     const ExitStatus status = run_(output);
     output.flush();
@@ -110,6 +129,21 @@ class CommandLine {
 
  private:
   using OnSession = std::function<ExitStatus(Session&)>;
+
+  /// What is wrong, and what to do about it.
+  std::string complaintOf(const CLI::ParseError& error) const {
+    std::string text = error.what();
+    text.erase(text.find_last_not_of('\n') + 1);
+    std::erase(text, '\0');
+    const std::vector<std::string> unexpected = app_.remaining();
+    if (app_.get_subcommands().empty() && !unexpected.empty() && !unexpected.front().starts_with('-')) {
+      text = "no such command: " + unexpected.front();
+    } else if (app_.got_subcommand("set") &&
+               error.get_exit_code() == static_cast<int>(CLI::ExitCodes::ExtrasError)) {
+      return escaped(text) + "; in front of a value that begins with - put --";
+    }
+    return escaped(text) + "; see propctl --help";
+  }
 
   void addConnectionOptions() {
     const std::string group = "Connection";
@@ -131,7 +165,8 @@ class CommandLine {
     add("--cert", connection_.certificateFile, "Certificate of the client", "PROPCTL_CERT")
         ->type_name("FILE");
     add("--key", connection_.keyFile, "Its key", "PROPCTL_KEY")->type_name("FILE");
-    add("--device", device_, "Serial number of a device behind a central broker; also several, and patterns",
+    add("--device", device_,
+        "Serial number of a device behind a central broker; also several, patterns and @FILE",
         "PROPCTL_DEVICE")
         ->type_name("SERIAL,…");
     app_.add_option("--jobs", jobs_, "So many devices at once [16]")
@@ -154,17 +189,13 @@ class CommandLine {
       run_ = [=, this](Output& output) {
         needs.arguments();
         propclient::Options options = toOptions(connection_, needs.timeout);
-        const std::vector<std::string> serials = splitList(device_);
-        if (serials.empty() && !device_.empty()) {
-          throw Failure(ExitStatus::usage, "--device: no serial number");
-        }
-        if (serials.size() > 1 || (serials.size() == 1 && isSerialPattern(serials.front()))) {
+        if (areSerials(device_)) {
           if (needs.oneDevice) {
             throw Failure(ExitStatus::usage, "this command takes one device at a time");
           }
-          return runOnDevices(serials, options, jobs_, output, command);
+          return runOnDevices(readSerials(device_), options, jobs_, output, command);
         }
-        options.device = serials.empty() ? "" : serials.front();
+        options.device = device_.empty() ? "" : readSerials(device_).front();
         Session session(options, output);
         return command(session);
       };
@@ -305,6 +336,7 @@ int main(int argc, char** argv) {
   using propctl::ExitStatus;
   // A broker or a reader that has gone is an error like any other.
   std::signal(SIGPIPE, SIG_IGN);
+  propctl::occupyStandardDescriptors();
   dbg::DebugStreamBuf::setMask(0);
   try {
     return static_cast<int>(propctl::CommandLine().run(argc, argv));

@@ -33,8 +33,11 @@ TEST_F(PropctlMaintenance, savesAllSettings) {
 }
 
 TEST_F(PropctlMaintenance, saysThatThereIsNothingToRestore) {
-  EXPECT_EQ(propctl("restore"),
-            failed(1, "propctl: restore: DBError: the daemon's store or backup failed; its log says why\n"));
+  EXPECT_EQ(
+      propctl("restore"),
+      failed(1,
+             "propctl: restore: DBError: there is no /config/user_backup.csv on the device, or it cannot be "
+             "read: the daemon's log says which\n"));
 }
 
 TEST_F(PropctlMaintenance, writesASystemDump) {
@@ -64,6 +67,11 @@ TEST_F(PropctlMaintenance, pings) {
 
   EXPECT_EQ(outcome.status, 0);
   EXPECT_THAT(outcome.output, ::testing::MatchesRegex("answer from localhost:1883 in [0-9]+\\.[0-9]+ ms\n"));
+}
+
+TEST_F(PropctlMaintenance, pingsAsJson) {
+  EXPECT_THAT(propctl("--json ping --count 2").output,
+              ::testing::MatchesRegex("\\{\"microseconds\":\\[[0-9]+,[0-9]+\\]\\}\n"));
 }
 
 TEST_F(PropctlMaintenance, pingsSeveralTimes) {

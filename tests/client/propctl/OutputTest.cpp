@@ -14,15 +14,21 @@ class OutputTest : public ::testing::Test {
 };
 
 TEST_F(OutputTest, putsTabsBetweenColumns) {
-  Output(out_, errors_, {}).table({"a", "b"}, {{"1", "2"}, {"3", ""}});
+  Output(out_, errors_, {}).table({"a", "b"}, {{{"1", "2"}}, {{"3", ""}, true}});
 
   EXPECT_EQ(out_.str(), "1\t2\n3\t\n");
 }
 
 TEST_F(OutputTest, alignsColumnsByCharactersNotBytes) {
-  Output(out_, errors_, {.table = true}).table({"a", "b"}, {{"\xc3\xbc\xc3\xbc", "1"}, {"xyz", "2"}});
+  Output(out_, errors_, {.table = true}).table({"a", "b"}, {{{"\xc3\xbc\xc3\xbc", "1"}}, {{"xyz", "2"}}});
 
-  EXPECT_EQ(out_.str(), "\033[1ma    b\033[0m\n\xc3\xbc\xc3\xbc   1\nxyz  2\n");
+  EXPECT_EQ(out_.str(), "a    b\n\xc3\xbc\xc3\xbc   1\nxyz  2\n");
+}
+
+TEST_F(OutputTest, coloursHeadingsAndMarkedRows) {
+  Output(out_, errors_, {.table = true, .colour = true}).table({"a"}, {{{"1"}}, {{"2"}, true}});
+
+  EXPECT_EQ(out_.str(), "\033[1ma\033[0m\n1\n\033[33m2\033[0m\n");
 }
 
 TEST_F(OutputTest, makesNoRemarksWhenQuiet) {

@@ -10,6 +10,19 @@ class PropctlReads : public ::testing::Test {
  protected:
   PropctlReads() { device_.start(); }
 
+  /// What a terminal gets to see of a command.
+  static std::string onTerminal(const std::string& command) {
+    return shell("script --quiet --return --command '" + command + "' /dev/null").output;
+  }
+
+  /// How a command ends whose output nobody reads any more.
+  static Outcome intoAClosedPipe(const std::string& command) {
+    const TemporaryDirectory directory;
+    const std::string pipe = directory.path("pipe");
+    return shell("mkfifo " + pipe + "; exec 3<>" + pipe + " 4>" + pipe + " 3>&-; " + command +
+                 " >&4; echo $?");
+  }
+
   Device device_;
 };
 
@@ -79,10 +92,7 @@ TEST_F(PropctlReads, printsAValueAloneAsItIs) {
 TEST_F(PropctlReads, printsNoControlCharacterToATerminal) {
   device_.set("State.Note", "\033[2J");
 
-  const Outcome outcome =
-      shell("propctl() { :; }; script --quiet --return --command '" PROPCTL " get State.Note' /dev/null");
-
-  EXPECT_EQ(outcome.output, "\\x1b[2J\r\n");
+  EXPECT_EQ(onTerminal(PROPCTL " get State.Note"), "\\x1b[2J\r\n");
 }
 
 TEST_F(PropctlReads, printsValuesAsJson) {
@@ -102,7 +112,7 @@ TEST_F(PropctlReads, listsChosenColumnsInTheirOrder) {
 }
 
 TEST_F(PropctlReads, takesAPatternInBracketsAsItIs) {
-  EXPECT_EQ(propctl("list '[a]'"), failed(1, "propctl: [a]: no such property\n"));
+  EXPECT_EQ(propctl("list '[a]'"), failed(1, "propctl: [a]: no such property; \"propctl list\" shows all\n"));
 }
 
 TEST_F(PropctlReads, takesASerialNumberWithACommaBehindItForOne) {
@@ -111,13 +121,17 @@ TEST_F(PropctlReads, takesASerialNumberWithACommaBehindItForOne) {
 }
 
 TEST_F(PropctlReads, takesAPatternOfSerialNumbersInBracketsAsItIs) {
-  EXPECT_EQ(propctl("--device '[12]' ping"),
+  EXPECT_EQ(propctl("--name fleet --device '[12]' ping"),
             failed(1, "propctl: no device that the central broker knows matches [12]\n"));
 }
 
 TEST_F(PropctlReads, saysThatStateIsNotListed) {
   EXPECT_EQ(propctl("list State.x"),
             failed(1, "propctl: State.x: run-time state is not listed; get reads it\n"));
+}
+
+TEST_F(PropctlReads, takesBlanksBetweenColumns) {
+  EXPECT_EQ(propctl("list --columns 'key, value' Audio.V%"), printed("Audio.Volume\t5\n"));
 }
 
 TEST_F(PropctlReads, listsOnlyWhatDiffersFromItsDefault) {
@@ -129,14 +143,22 @@ TEST_F(PropctlReads, listsNothingWhereNothingDiffers) {
 }
 
 TEST_F(PropctlReads, alignsAndMarksATableOnATerminal) {
-  const Outcome outcome =
-      shell("propctl() { :; }; script --quiet --return --command '" PROPCTL " list Audio.%' /dev/null");
-
-  EXPECT_EQ(outcome.output,
-            "\033[1mkey             value  defaultvalues  flags\033[0m\r\n"
+  EXPECT_EQ(onTerminal("NO_COLOR=1 " PROPCTL " list Audio.%"),
+            "key             value  defaultvalues  flags\r\n"
             "Audio.Codec     opus   opus           user\r\n"
             "Audio.Ringtone  bell   bell           setting\r\n"
             "Audio.Volume    5      * 4            user\r\n");
+}
+
+TEST_F(PropctlReads, coloursATableOnATerminal) {
+  EXPECT_EQ(onTerminal("TERM=xterm " PROPCTL " list --columns key --changed Audio.%"),
+            "\033[1mkey\033[0m\r\n\033[33mAudio.Volume\033[0m\r\n");
+}
+
+TEST_F(PropctlReads, leavesOutColoursWhereTheyAreNotWanted) {
+  EXPECT_EQ(onTerminal("TERM=xterm NO_COLOR=1 " PROPCTL " list --columns key Audio.V%"),
+            "key\r\nAudio.Volume\r\n");
+  EXPECT_EQ(onTerminal("TERM=dumb " PROPCTL " list --columns key Audio.V%"), "key\r\nAudio.Volume\r\n");
 }
 
 TEST_F(PropctlReads, refusesAColumnThatThereIsNot) {
@@ -180,8 +202,26 @@ TEST_F(PropctlReads, saysThatTheDiskTookNoOutput) {
             failed(1, "propctl: cannot write the output: No space left on device\n"));
 }
 
+TEST_F(PropctlReads, saysThatTheDiskTookOnlyTheBeginning) {
+  device_.set("Audio.Ringtone", std::string(256, 'x'));
+
+  EXPECT_EQ(shell("propctl get $(printf 'Audio.Ringtone %.0s' {1..100}) >/dev/full"),
+            failed(1, "propctl: cannot write the output: No space left on device\n"));
+}
+
+TEST_F(PropctlReads, saysThatOutputIsClosed) {
+  EXPECT_EQ(shell("propctl get Audio.Volume >&-"),
+            failed(1, "propctl: cannot write the output: Bad file descriptor\n"));
+}
+
 TEST_F(PropctlReads, endsSilentlyWhenTheReaderHasGone) {
-  EXPECT_EQ(shell("propctl list | true; echo ${PIPESTATUS[0]}").errors, "");
+  EXPECT_EQ(intoAClosedPipe("propctl list"), printed("141\n"));
+}
+
+TEST_F(PropctlReads, endsSilentlyWhenTheReaderGoesInTheMiddle) {
+  device_.set("Audio.Ringtone", std::string(256, 'x'));
+
+  EXPECT_EQ(intoAClosedPipe("propctl get $(printf 'Audio.Ringtone %.0s' {1..100})"), printed("141\n"));
 }
 
 }  // namespace

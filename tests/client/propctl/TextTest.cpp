@@ -34,6 +34,14 @@ TEST(Text, leavesABackslashThatBeginsNoEscape) {
   EXPECT_EQ(unescaped("a\\q\\x1\\xzz\\"), "a\\q\\x1\\xzz\\");
 }
 
+TEST(Line, isReadAsTheSameAssignment) {
+  for (const std::string name : {"a", "a=b", "#a", "{a", "a\\n", "a\nb", "a{#"}) {
+    const Assignment assignment{name, "b=c\n"};
+
+    EXPECT_THAT(readDump(toLine(assignment), "file"), ElementsAre(assignment)) << toLine(assignment);
+  }
+}
+
 TEST(Assignments, endTheNameAtTheFirstEqualSign) {
   EXPECT_THAT(toAssignments({"a=b=c"}), ElementsAre(Assignment{"a", "b=c"}));
 }

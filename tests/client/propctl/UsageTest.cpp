@@ -31,12 +31,16 @@ TEST_P(PropctlMisused, endsWithTwoAndOneLineThatSaysWhy) {
 INSTANTIATE_TEST_SUITE_P(
     EachWay, PropctlMisused,
     ::testing::Values(
-        Misuse{"", "A command is required"}, Misuse{"frobnicate", "The following argument was not expected"},
+        Misuse{"", "A command is required"},
+        Misuse{"frobnicate", "no such command: frobnicate; see propctl --help"},
+        Misuse{"--frobnicate", "The following argument was not expected: --frobnicate; see propctl --help"},
         Misuse{"get", "NAME is required"},
         Misuse{"get --colour x", "The following argument was not expected"},
         Misuse{"get --by tr069 x", "--by: tr069 not in {key,web,provisioning}"},
         Misuse{"get --by", "--by: 1 required"}, Misuse{"set", "KEY=VALUE is required"},
         Misuse{"set =5", "KEY=VALUE expected"}, Misuse{"set Audio.Volume", "KEY=VALUE expected"},
+        Misuse{"set Audio.Ringtone -x",
+               "The following argument was not expected: -x; in front of a value that begins with - put --"},
         Misuse{"reset", "KEY is required"}, Misuse{"describe", "NAME is required"},
         Misuse{"describe A.%", "describe takes one name, not a pattern"},
         Misuse{"list --columns colour", "no such column"}, Misuse{"load", "FILE is required"},
@@ -55,7 +59,9 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"--device A,B watch", "this command takes one device at a time"},
         Misuse{"--device A,B complete-keys", "this command takes one device at a time"},
         Misuse{"ping ping", "The following argument was not expected"},
-        Misuse{"$'get\\n' x", "The following arguments were not expected"}));
+        Misuse{"$'get\\n' x", "no such command: get\\n"},
+        Misuse{"--device HQ-* ping", "a pattern of serial numbers takes --name"},
+        Misuse{"--device @/dev/null ping", "--device: no serial number in @/dev/null"}));
 
 class Propctl : public ::testing::Test {};
 

@@ -12,7 +12,9 @@
 namespace propertyservice::test {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 constexpr char kTime[] = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} ";
@@ -90,7 +92,8 @@ TEST_F(PropctlWatch, printsJson) {
   ASSERT_TRUE(printsAtLast("\"Audio.Volume\""));
   EXPECT_THAT(
       watcher_->output(),
-      ContainsRegex("\\{\"key\":\"Audio\\.Volume\",\"old\":\"5\",\"time\":\"[^\"]+\",\"value\":\"7\"\\}\n"));
+      ContainsRegex("\\{\"key\":\"Audio\\.Volume\",\"old\":\"5\",\"time\":\"[-0-9]+T[:.0-9]+[-+][0-9]{4}\","
+                    "\"value\":\"7\"\\}\n"));
 }
 
 TEST_F(PropctlWatch, endsOnCtrlC) {
@@ -123,6 +126,24 @@ TEST_F(PropctlWatch, endsWhenTheReaderHasGone) {
   EXPECT_EQ(outcome.errors, "141\n");
 }
 
+TEST_F(PropctlWatch, doesNotTakeTheConnectionForAClosedOutput) {
+  const Outcome outcome = shell(
+      "propctl watch >&- & watcher=$!\n"
+      "turn=0; while kill -0 $watcher 2>/dev/null; do propctl set State.Turn=$((turn += 1)); done\n"
+      "wait $watcher");
+
+  EXPECT_EQ(outcome, failed(1, "propctl: cannot write the output: Bad file descriptor\n"));
+}
+
+TEST_F(PropctlWatch, namesBothCausesWhenTheDaemonIsAway) {
+  device_.stop();
+
+  const Outcome outcome = propctl("watch --timeout 1");
+
+  EXPECT_EQ(outcome.status, 3);
+  EXPECT_THAT(outcome.errors, AllOf(HasSubstr("PropertyService is away"), HasSubstr("access list")));
+}
+
 TEST_F(PropctlWatch, refusesAGroupThatIsNoPartOfATopic) {
   EXPECT_EQ(propctl("watch audio/any"), failed(2, "propctl: no group: \"audio/any\"\n"));
 }
@@ -137,6 +158,17 @@ TEST_F(PropctlWatch, goesOnAfterTheBrokerHasBeenRestarted) {
     propctl("set --timeout 1 Audio.Volume=" + std::to_string(++volume % 10));
     return watcher_->output().find("Audio.Volume=") != std::string::npos;
   }));
+}
+
+TEST_F(PropctlWatch, printsWhatChangedAfterARestartOfTheBrokerThatItMissed) {
+  watch({});
+  watcher_->signal(SIGSTOP);
+  device_.broker().restart();
+  ASSERT_TRUE(eventually([] { return propctl("set --timeout 1 Audio.Volume=7").status == 0; }));
+
+  watcher_->signal(SIGCONT);
+
+  EXPECT_TRUE(printsAtLast("Audio.Volume=7 (was 5)\n"));
 }
 
 TEST_F(PropctlWatch, printsWhatChangedWhileItWasCutOff) {

@@ -170,6 +170,10 @@ TEST_F(PropctlWrites, resetsTheOthersWhenOneIsNotFound) {
                      "propctl: Nowhere: NotFound: no such property; \"propctl list\" shows all\n"}));
 }
 
+TEST_F(PropctlWrites, resetsNothingWhereNothingMatches) {
+  EXPECT_EQ(propctl("reset Nowhere.%"), failed(1, "propctl: Nowhere.%: NotFound: nothing matches\n"));
+}
+
 TEST_F(PropctlWrites, loadsWhatItHasDumped) {
   device_.set("Audio.Volume", "9");
   const std::string dump = propctl("dump").output;

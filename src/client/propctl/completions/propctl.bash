@@ -1,28 +1,65 @@
 # bash completion for propctl
 
+# Asks the device that the command line names, and gives up early.
+_propctl_keys() {
+  propctl "${connection[@]}" --timeout 1 complete-keys -- "$current" 2>/dev/null
+}
+
+_propctl_offer() { # WORDS
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "$current")
+}
+
+_propctl_offer_files() {
+  compopt -o filenames
+  mapfile -t COMPREPLY < <(compgen -f -- "$current")
+}
+
+# What follows the last comma.
+_propctl_offer_columns() {
+  local before=''
+  [[ $current != *,* ]] || before=${current%,*},
+  current=${current##*,}
+  _propctl_offer 'key value defaultvalues flags webui provisioning tr069 regexp enum range_min range_max'
+  COMPREPLY=("${COMPREPLY[@]/#/$before}")
+  compopt -o nospace
+}
+
 _propctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' word i
+  local -a connection=()
   COMPREPLY=()
 
-  # ":" and "=" part words here; a key has none, an assignment has "=" behind its key.
-  [[ $current == = || $previous == = ]] && return
-
-  case $previous in
-    --by) mapfile -t COMPREPLY < <(compgen -W 'key web provisioning' -- "$current"); return ;;
-    --password-file | --cafile | --cert | --key) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
-    --columns) mapfile -t COMPREPLY < <(compgen -W 'key value defaultvalues flags webui provisioning tr069 regexp enum range_min range_max' -- "$current"); return ;;
-    --host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current"); return ;;
-    --port | --user | --name | --device | --jobs | --timeout | --count) return ;;
-  esac
+  # ":" and "=" part words here: an option has "=" in front of its value, an assignment behind its key.
+  if [[ $current == = ]]; then
+    return
+  elif [[ $previous == = ]]; then
+    [[ ${COMP_WORDS[COMP_CWORD - 2]} == --* ]] || return
+    previous=${COMP_WORDS[COMP_CWORD - 2]}
+  fi
 
   for ((i = 1; i < COMP_CWORD; ++i)); do
     word=${COMP_WORDS[i]}
     case $word in
-      --host | --port | --user | --password-file | --name | --cafile | --cert | --key | --device | --jobs | --timeout | --by | --columns | --count) ((++i)) ;;
+      --host | --port | --user | --password-file | --name | --cafile | --cert | --key | --device | --jobs | --timeout | --by | --columns | --count)
+        [[ ${COMP_WORDS[i + 1]} != = ]] || ((++i))
+        ((++i))
+        case $word in
+          --jobs | --timeout | --by | --columns | --count) ;;
+          *) ((i >= COMP_CWORD)) || connection+=("$word" "${COMP_WORDS[i]/#~\//$HOME/}") ;;
+        esac
+        ;;
       -*) ;;
-      *) command=$word; break ;;
+      *) command=${command:-$word} ;;
     esac
   done
+
+  case $previous in
+    --by) _propctl_offer 'key web provisioning'; return ;;
+    --password-file | --cafile | --cert | --key) _propctl_offer_files; return ;;
+    --columns) _propctl_offer_columns; return ;;
+    --host) mapfile -t COMPREPLY < <(compgen -A hostname -- "$current"); return ;;
+    --port | --user | --name | --device | --jobs | --timeout | --count) return ;;
+  esac
 
   if [[ $current == -* ]]; then
     local options='--host --port --user --password-file --name --cafile --cert --key --device --jobs --timeout --json --quiet --version --help'
@@ -34,21 +71,21 @@ _propctl() {
       ping) options+=' --count' ;;
       backup) options+=' --all' ;;
     esac
-    mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+    _propctl_offer "$options"
     return
   fi
 
   case $command in
-    '') mapfile -t COMPREPLY < <(compgen -W 'get set reset list describe watch dump load backup restore sysdump prepare ping check' -- "$current") ;;
-    get | list | describe | reset) mapfile -t COMPREPLY < <(propctl complete-keys "$current" 2>/dev/null) ;;
+    '') _propctl_offer 'get set reset list describe watch dump load backup restore sysdump prepare ping check' ;;
+    get | list | describe | reset) mapfile -t COMPREPLY < <(_propctl_keys) ;;
     set)
-      mapfile -t COMPREPLY < <(propctl complete-keys "$current" 2>/dev/null)
+      mapfile -t COMPREPLY < <(_propctl_keys)
       COMPREPLY=("${COMPREPLY[@]/%/=}")
       compopt -o nospace
       ;;
-    watch) mapfile -t COMPREPLY < <(propctl complete-keys "$current" 2>/dev/null | cut -d. -f1 | sort -u) ;;
-    prepare) mapfile -t COMPREPLY < <(compgen -W 'version-change factory-reset' -- "$current") ;;
-    load | check) compopt -o filenames; mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    watch) mapfile -t COMPREPLY < <(_propctl_keys | cut -d. -f1 | sort -u) ;;
+    prepare) _propctl_offer 'version-change factory-reset' ;;
+    load | check) _propctl_offer_files ;;
   esac
 }
 

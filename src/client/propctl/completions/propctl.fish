@@ -1,7 +1,23 @@
 # fish completion for propctl
 
+# The options that say which device is meant.
+function __propctl_connection
+    set -l option
+    for token in (commandline -opc | string replace -r '^~/' "$HOME/")
+        if test -n "$option"
+            printf '%s\n' $option $token
+            set option
+        else if string match -qr '^--(host|port|user|password-file|name|cafile|cert|key|device)$' -- $token
+            set option $token
+        else if string match -qr '^--(host|port|user|password-file|name|cafile|cert|key|device)=' -- $token
+            printf '%s\n' $token
+        end
+    end
+end
+
+# Asks that device, and gives up early.
 function __propctl_keys
-    propctl complete-keys (commandline -ct) 2>/dev/null
+    propctl (__propctl_connection) --timeout 1 complete-keys -- (commandline -ct) 2>/dev/null
 end
 
 function __propctl_assignments
