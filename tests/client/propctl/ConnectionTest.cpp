@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "client/propctl/Propctl.h"
+#include "core/JsonText.h"
 #include "support/Device.h"
 
 namespace propertyservice::test {
@@ -92,6 +93,39 @@ TEST_F(PropctlConnection, namesBothCausesWhenTheDaemonIsAway) {
   EXPECT_EQ(outcome.status, 3);
   EXPECT_THAT(outcome.errors,
               StartsWith("propctl: no answer from localhost:1883 within 1 s: PropertyService is away, or"));
+}
+
+/// A daemon that answers a few requests and is gone.
+class PropctlCutOff : public ::testing::Test {
+ protected:
+  static constexpr char kRequests[] = "field/prop-service";
+
+  void answer(const std::string& payload) {
+    Json::Value request;
+    ASSERT_TRUE(json::parse(payload, request));
+    Json::Value reply;
+    reply["param"] = request["param"];
+    reply["status"] = request["method"] == "setV" ? Json::Value("Ok") : Json::Value();
+    daemon_.publish("prop-service/field", json::write(reply));
+  }
+
+  const TemporaryDirectory directory_;
+  Broker broker_;
+  BusClient daemon_{"prop-service", {"+/prop-service"}};
+};
+
+TEST_F(PropctlCutOff, tellsWhichWritesWereNotAnswered) {
+  Process propctl({PROPCTL, "--name", "field", "--timeout", "2", "set", "A.First=1", "A.Second=2"},
+                  directory_.path("output"));
+  ASSERT_TRUE(daemon_.waitForMessages(kRequests, 3));
+  const std::vector<std::string> requests = daemon_.received(kRequests);
+
+  answer(requests[0]);
+  answer(requests[1]);
+
+  EXPECT_EQ(propctl.wait(), 3);
+  EXPECT_THAT(propctl.output(), StartsWith("propctl: A.Second: NoAnswer: no answer; whether it was done is "
+                                           "unknown\npropctl: no answer from localhost:1883"));
 }
 
 TEST_F(PropctlConnection, refusesAPasswordFileThatOthersMayRead) {
