@@ -23,7 +23,8 @@ enum class Status {
   readOnly,          ///< The property cannot be written by requests.
   dbError,           ///< A store or a backup of the daemon failed.
   invalidRequest,    ///< The daemon does not know the request.
-  noAnswer,          ///< None in time, or the connection broke meanwhile: whether it was served is unknown.
+  noAnswer,          ///< None in time, the connection broke meanwhile, or request or answer were longer than
+                     ///< the broker lets pass (1 MiB on the device): whether it was served is unknown.
 };
 
 /// The status as the daemon spells it ("Ok", "NotFound", …); "NoAnswer" for `noAnswer`.

@@ -31,7 +31,8 @@ std::string nameColumn(Field field) {
 std::vector<Columns> listSorted(Session& session, const std::string& pattern, const Names& columns,
                                 Field field) {
   const std::string name = nameColumn(field);
-  std::vector<Columns> properties = session.answered(session.client().list(pattern, columns, field)).value;
+  std::vector<Columns> properties =
+      session.answered(session.client().list(pattern, columns, field), Session::Length::unbounded).value;
   std::erase_if(properties, [&name](const Columns& property) { return columnOf(property, name).empty(); });
   std::sort(properties.begin(), properties.end(), [&name](const Columns& one, const Columns& other) {
     return columnOf(one, name) < columnOf(other, name);
@@ -248,7 +249,7 @@ ExitStatus describe(Session& session, const std::string& name, Field field) {
 }
 
 ExitStatus dump(Session& session) {
-  const auto answer = session.answered(session.client().provisioningDump());
+  const auto answer = session.answered(session.client().provisioningDump(), Session::Length::unbounded);
   Output& output = session.output();
   if (output.style().json) {
     Json::Value object(Json::objectValue);

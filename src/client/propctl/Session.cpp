@@ -31,7 +31,7 @@ std::string Session::where() const {
   return options_.device.empty() ? broker : options_.device + " at " + broker;
 }
 
-void Session::throwNoAnswer() const {
+void Session::throwNoAnswer(Length length) const {
   std::ostringstream text;
   text << "no answer from " << where() << " within " << static_cast<double>(options_.timeout.count()) / 1000.0
        << " s: " << (options_.device.empty() ? "" : "the device or its ")
@@ -42,6 +42,9 @@ void Session::throwNoAnswer() const {
   }
   if (options_.user.empty() && !options_.tls) {
     text << " without --user";
+  }
+  if (length == Length::unbounded) {
+    text << ", or the answer is longer than the broker lets pass: ask for less at a time";
   }
   throw Failure(ExitStatus::noAnswer, text.str());
 }

@@ -20,16 +20,19 @@ class Session {
   /// The broker as "HOST:PORT", with the device behind it.
   std::string where() const;
 
+  /// How long an answer may become: as a value, or as all values of the device.
+  enum class Length { bounded, unbounded };
+
   /// The answer, unless there is none: then throws `Failure` with what may be the cause.
   template <typename T>
-  const T& answered(const T& answer) const {
+  const T& answered(const T& answer, Length length = Length::bounded) const {
     if (answer.status == propclient::Status::noAnswer) {
-      throwNoAnswer();
+      throwNoAnswer(length);
     }
     return answer;
   }
 
-  [[noreturn]] void throwNoAnswer() const;
+  [[noreturn]] void throwNoAnswer(Length length = Length::bounded) const;
 
  private:
   const propclient::Options options_;

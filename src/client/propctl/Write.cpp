@@ -143,7 +143,8 @@ Values valuesMatching(Session& session, const std::string& name) {
     return values;
   }
   const auto answer = session.answered(
-      session.client().list(name, {std::string(column::kKey), std::string(column::kValue)}, Field::key));
+      session.client().list(name, {std::string(column::kKey), std::string(column::kValue)}, Field::key),
+      Session::Length::unbounded);
   for (const Columns& property : answer.value) {
     values.emplace(columnOf(property, column::kKey), columnOf(property, column::kValue));
   }

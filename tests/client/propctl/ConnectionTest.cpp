@@ -8,6 +8,7 @@ namespace propertyservice::test {
 namespace {
 
 using ::testing::AllOf;
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
@@ -93,6 +94,18 @@ TEST_F(PropctlConnection, namesBothCausesWhenTheDaemonIsAway) {
   EXPECT_EQ(outcome.status, 3);
   EXPECT_THAT(outcome.errors,
               StartsWith("propctl: no answer from localhost:1883 within 1 s: PropertyService is away, or"));
+}
+
+TEST_F(PropctlConnection, namesTheBrokersLimitWhenAllWasAskedFor) {
+  device_->stop();
+
+  for (const std::string command : {"list", "get %", "dump"}) {
+    const Outcome outcome = propctl("--timeout 1 --password-file " + file("credentials") + ' ' + command);
+
+    EXPECT_EQ(outcome.status, 3);
+    EXPECT_THAT(outcome.errors, EndsWith(", or the answer is longer than the broker lets pass: "
+                                         "ask for less at a time\n"));
+  }
 }
 
 /// A daemon that answers a few requests and is gone.
