@@ -1,5 +1,6 @@
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <filesystem>
 #include <thread>
@@ -31,8 +32,8 @@ bool runs(pid_t pid) {
 }
 
 /// The signals 1 to 31 of a set in /proc/PID/status; the C library keeps the next two for itself.
-unsigned long ordinarySignals(const std::string& status, const std::string& set) {
-  return std::stoul(status.substr(status.find(set + ":\t") + set.size() + 2), nullptr, 16) & 0x7fffffff;
+std::uint64_t ordinarySignals(const std::string& status, const std::string& set) {
+  return std::stoull(status.substr(status.find(set + ":\t") + set.size() + 2), nullptr, 16) & 0x7fffffff;
 }
 
 TEST(Execute, returnsTheOutputOfACommandThatSucceeds) {
