@@ -56,11 +56,14 @@ void takeAsGiven(std::string& argument) {
   }
 }
 
+std::string_view environment(const char* name) {
+  const char* const text = std::getenv(name);  // NOLINT(concurrency-mt-unsafe): read only
+  return text ? text : "";
+}
+
 /// no-color.org
 bool wantsColours() {
-  const char* refusal = std::getenv("NO_COLOR");
-  const char* terminal = std::getenv("TERM");
-  return (!refusal || *refusal == '\0') && (!terminal || std::string_view(terminal) != "dumb");
+  return environment("NO_COLOR").empty() && environment("TERM") != "dumb";
 }
 
 /// A descriptor that the caller has closed must not become the connection to the broker: what is written to
