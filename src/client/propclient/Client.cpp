@@ -176,7 +176,8 @@ void Client::Impl::watch(std::set<std::string> groups, std::function<void(const 
   auto result = outcome->get_future();
   if (result.wait_for(options_.timeout) == std::future_status::timeout) {
     unwatch();
-    throw ConnectionError("no watch over the broker at " + broker() + ": the daemon does not answer");
+    throw ConnectionError("no watch over the broker at " + broker() +
+                          ": the daemon does not answer, or with more than the broker lets pass");
   }
   if (const Outcome failure = result.get()) {
     throw ConnectionError("no watch over the broker at " + broker() + ": " + *failure);
