@@ -1,7 +1,7 @@
 // The list of properties: a grid of which only the rows in sight, the active one and the open one exist.
 
 import { element } from './element.js';
-import { differs } from './properties.js';
+import { differs, isSecret } from './properties.js';
 import { flagsOf, rulesOf } from './words.js';
 
 const MARGIN_ROWS = 8; // beyond the edges, so that a row is there before it is seen
@@ -14,9 +14,13 @@ function oneLine(text) {
   return text.replaceAll(/\r\n|\r|\n/g, '⏎');
 }
 
-function fillText(target, text) {
+function fillText(target, text, hidden) {
   target.classList.toggle('none', text === '');
-  target.textContent = text === '' ? 'empty' : oneLine(text);
+  if (text === '') {
+    target.textContent = 'empty';
+  } else {
+    target.textContent = hidden ? '••••••' : oneLine(text);
+  }
 }
 
 function keyCell({ key, group }) {
@@ -182,14 +186,15 @@ export class PropertyList {
 
   #fill(row, property) {
     const isDifferent = differs(property);
+    const hidden = isSecret(property.key);
     row.classList.toggle('differs', isDifferent);
     row.setAttribute('aria-description', isDifferent ? 'differs from the default' : '');
-    fillText(row.querySelector('.value'), property.value);
+    fillText(row.querySelector('.value'), property.value, hidden);
     const standard = row.querySelector('.default');
     if (property.defaultvalues === undefined) {
       standard.textContent = '';
     } else {
-      fillText(standard, property.defaultvalues);
+      fillText(standard, property.defaultvalues, hidden);
     }
     row.querySelector('.rules').textContent = rulesOf(property)
       .map(({ words, expression }) => words + expression)

@@ -19,6 +19,11 @@ export function differs(property) {
   return property.defaultvalues !== undefined && property.value !== property.defaultvalues;
 }
 
+/** Whether, by its name, the value is a password: the list hides it, the editor shows it. */
+export function isSecret(key) {
+  return /(password|pin)$/i.test(key);
+}
+
 function searchText({ key, value, webui, provisioning, tr069 }) {
   return [key, value, webui, provisioning, tr069].join('\n').toLowerCase();
 }

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 
 import { pageTest } from './support/fixture.mjs';
-import { countShown, shownKeys, valueShown } from './support/questions.mjs';
+import { countShown, edit, shownKeys, valueShown } from './support/questions.mjs';
 
 async function filterFor(page, text) {
   await page.click('#filter');
@@ -94,6 +94,15 @@ pageTest('shows rules, default and flags in words', async ({ page }) => {
   );
 
   assert.deepEqual(texts, ['Audio.Volume', '5', '5', 'number, 0 to 10', 'setting, dump, user']);
+});
+
+pageTest('hides passwords until their row is opened', async ({ page, device }) => {
+  await device.set('WebUI.Admin.Password', 'hunter2');
+
+  await edit(page, 'WebUI.Admin.Password');
+
+  await page.until(valueShown, 'WebUI.Admin.Password', '••••••');
+  assert.equal(await page.ask(() => document.querySelector('.editor textarea').value), 'hunter2');
 });
 
 pageTest(
