@@ -73,6 +73,11 @@ inline std::string devicePrefix(const std::string& serial) {
   return "devices/" + serial + '/';
 }
 
+/// Where a client of the bus announces whether it is there: "1" or "0", retained.
+inline std::string online(const std::string& client) {
+  return "services/" + client + "/online";
+}
+
 /// Where a central broker keeps whether a device is connected: "1" or "0". `serial` may be "+".
 inline std::string presence(const std::string& serial) {
   return devicePrefix(serial) + "online";

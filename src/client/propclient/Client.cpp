@@ -1,26 +1,24 @@
 #include "propclient/Client.h"
 
 #include <algorithm>
-#include <csignal>
-#include <cstdint>
 #include <future>
-#include <iterator>
-#include <poll.h>
 #include <random>
 #include <set>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
-#include "propclient/Connection.h"
-#include "propclient/Inbox.h"
+#include "mqtt/Connection.h"
+#include "mqtt/Text.h"
 #include "propclient/Request.h"
 #include "propclient/Session.h"
+#include "propclient/Settings.h"
 #include "wire/Names.h"
 
 namespace propclient {
 
 namespace {
+
+using namespace std::chrono_literals;
 
 std::string randomText() {
   std::random_device random;
@@ -46,11 +44,11 @@ Options complete(Options options) {
     options.name = options.user.empty() ? ownName() : options.user;
   }
   // The broker delivers no topic that begins with "$", and the daemon does not answer itself.
-  if (!isTopicLevel(options.name) || options.name.front() == '$' ||
+  if (!mqtt::isTopicLevel(options.name) || options.name.front() == '$' ||
       options.name == propertyservice::kServiceName) {
     throw std::invalid_argument("no name for a sender: \"" + options.name + '"');
   }
-  if (!options.device.empty() && !isTopicLevel(options.device)) {
+  if (!options.device.empty() && !mqtt::isTopicLevel(options.device)) {
     throw std::invalid_argument("no serial number: \"" + options.device + '"');
   }
   return options;
@@ -60,7 +58,7 @@ Options complete(Options options) {
 std::set<std::string> readGroups(const std::vector<std::string>& names) {
   std::set<std::string> groups;
   for (const std::string& name : names) {
-    if (!isTopicLevel(name)) {
+    if (!mqtt::isTopicLevel(name)) {
       throw std::invalid_argument("no group: \"" + name + '"');
     }
     groups.insert(propertyservice::lowerCased(name));
@@ -68,26 +66,11 @@ std::set<std::string> readGroups(const std::vector<std::string>& names) {
   return groups;
 }
 
-/// A write to a connection that the broker has closed must not end the program, nor must its signal handlers
-/// run here.
-void blockSignals() {
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, nullptr);
-}
-
-int pollTimeoutMs(const Deadline& until) {
-  if (!until) {
-    return -1;
-  }
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*until - Clock::now());
-  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60'000));
-}
-
 }  // namespace
 
-/// The client's own thread and what belongs to it. Calls of other threads reach it as work in the inbox.
-class Client::Impl final : public TransportListener {
+/// The session and the connection that it speaks over, whose thread is the client's own. Calls of other
+/// threads reach it as posted work.
+class Client::Impl final : private mqtt::Listener, private Transport {
  public:
   explicit Impl(Options options);
   ~Impl() override;
@@ -102,74 +85,69 @@ class Client::Impl final : public TransportListener {
   /// Throws `std::logic_error` on the own thread, which would wait for itself.
   void refuseOnOwnThread() const;
 
-  // Called on the own thread.
-  void opened() override;
-  void failed(const std::string& reason) override;
-  void lost() override { session_.lost(); }
-  void subscribed(const std::optional<std::string>& refused) override { session_.subscribed(refused); }
-  void received(const std::string& topic, const std::string& payload) override {
-    session_.received(topic, payload);
-  }
-
  private:
-  /// Empty where the connection was made.
+  /// Empty where all went well.
   using Outcome = std::optional<std::string>;
 
-  bool isOnOwnThread() const { return std::this_thread::get_id() == thread_.get_id(); }
-  void run();
-  void answerConnect(const Outcome& failure);
+  // Of the own thread, as of `mqtt::Listener`.
+  void opened() override { session_.opened(); }
+  void failed(const std::string& /*reason*/) override {}
+  void lost(const std::string& /*reason*/) override { session_.lost(); }
+  void subscribed(const std::vector<std::string>& refused) override { session_.subscribed(refused); }
+  void received(const mqtt::Message& message) override { session_.received(message.topic, message.payload); }
+  Deadline turned() override;
+
+  // Of the own thread, as of `Transport`.
+  void publish(const std::string& topic, const std::string& payload) override;
+  void subscribe(const std::vector<std::string>& topics) override;
+  void unsubscribe(const std::vector<std::string>& topics) override;
+
+  /// Has the own thread do it, and waits until it has.
+  void doThere(std::function<void()> work);
+
   std::string broker() const { return options_.host + ':' + std::to_string(options_.port); }
 
   const Options options_;
-  Inbox inbox_;
-
-  // Of the own thread.
-  Connection connection_;
-  Session session_;
-  std::vector<std::shared_ptr<std::promise<Outcome>>> connecting_;  ///< Calls of `connect` that wait.
-  bool stopping_ = false;
-
-  std::thread thread_;  ///< Last: it uses all of the above.
+  mqtt::Connection connection_;
+  Session session_;     ///< Of the own thread.
+  bool ended_ = false;  ///< Of the own thread.
 };
 
 Client::Impl::Impl(Options options)
     : options_(complete(std::move(options))),
-      connection_(options_, options_.name + '-' + randomText(), *this),
-      session_(Topics(options_.name, options_.device), connection_, options_.timeout,
-               "?" + randomText() + '-'),
-      thread_([this] { run(); }) {}
+      connection_(settingsOf(options_, options_.name + '-' + randomText()), *this),
+      session_(Topics(options_.name, options_.device), *this, options_.timeout, "?" + randomText() + '-') {}
 
 Client::Impl::~Impl() {
-  inbox_.put([this] { stopping_ = true; });
-  thread_.join();
+  doThere([this] {
+    ended_ = true;
+    session_.unwatch();
+    session_.lost();
+  });
+  connection_.close(0s);
 }
 
 void Client::Impl::connect() {
   refuseOnOwnThread();
-  const auto outcome = std::make_shared<std::promise<Outcome>>();
-  inbox_.put([this, outcome] {
-    if (connection_.isOpen()) {
-      outcome->set_value(std::nullopt);
-      return;
-    }
-    connecting_.push_back(outcome);
-    connection_.open();
-  });
-  if (const Outcome failure = outcome->get_future().get()) {
-    throw ConnectionError("no connection to the broker at " + broker() + ": " + *failure);
+  try {
+    connection_.connect();
+  } catch (const mqtt::Error& error) {
+    throw ConnectionError("no connection to the broker at " + broker() + ": " + error.what());
   }
 }
 
 void Client::Impl::ask(Request request) {
-  inbox_.put([this, request = std::move(request), asked = Clock::now()]() mutable {
-    session_.ask(std::move(request), asked);
+  connection_.post([this, request = std::move(request), asked = Clock::now()]() mutable {
+    if (!ended_) {
+      session_.ask(std::move(request), asked);
+    }
   });
 }
 
 void Client::Impl::watch(std::set<std::string> groups, std::function<void(const Change&)> callback) {
   refuseOnOwnThread();
   const auto outcome = std::make_shared<std::promise<Outcome>>();
-  inbox_.put([this, groups = std::move(groups), callback = std::move(callback), outcome]() mutable {
+  connection_.post([this, groups = std::move(groups), callback = std::move(callback), outcome]() mutable {
     session_.watch(std::move(groups), std::move(callback),
                    [outcome](const Outcome& failure) { outcome->set_value(failure); });
   });
@@ -185,56 +163,47 @@ void Client::Impl::watch(std::set<std::string> groups, std::function<void(const 
 }
 
 void Client::Impl::unwatch() {
-  if (isOnOwnThread()) {
+  if (connection_.isOwnThread()) {
     session_.unwatch();
-    return;
+  } else {
+    doThere([this] { session_.unwatch(); });
   }
-  const auto done = std::make_shared<std::promise<void>>();
-  inbox_.put([this, done] {
-    session_.unwatch();
-    done->set_value();
-  });
-  done->get_future().wait();
 }
 
 void Client::Impl::refuseOnOwnThread() const {
-  if (isOnOwnThread()) {
+  if (connection_.isOwnThread()) {
     throw std::logic_error("propclient: a call that waits for an answer, made from a callback");
   }
 }
 
-void Client::Impl::opened() {
-  answerConnect(std::nullopt);
-  session_.opened();
+Deadline Client::Impl::turned() {
+  session_.keepTime(Clock::now());
+  return session_.nextDeadline();
 }
 
-void Client::Impl::failed(const std::string& reason) {
-  answerConnect(reason);
+void Client::Impl::publish(const std::string& topic, const std::string& payload) {
+  connection_.publish(topic, payload, kQosOfRequests);
 }
 
-void Client::Impl::answerConnect(const Outcome& failure) {
-  for (const auto& connecting : std::exchange(connecting_, {})) {
-    connecting->set_value(failure);
+void Client::Impl::subscribe(const std::vector<std::string>& topics) {
+  for (const std::string& topic : topics) {
+    connection_.subscribe(topic);
   }
 }
 
-void Client::Impl::run() {
-  blockSignals();
-  while (!stopping_) {
-    pollfd descriptors[] = {{connection_.socket(), connection_.awaitedEvents(), 0},
-                            {inbox_.descriptor(), POLLIN, 0}};
-    const auto until = earlier(connection_.nextTurn(), session_.nextDeadline());
-    poll(descriptors, std::size(descriptors), pollTimeoutMs(until));
-
-    connection_.turn(descriptors[0].revents);
-    for (const Inbox::Work& work : inbox_.take()) {
-      work();
-    }
-    session_.keepTime(Clock::now());
+void Client::Impl::unsubscribe(const std::vector<std::string>& topics) {
+  for (const std::string& topic : topics) {
+    connection_.unsubscribe(topic);
   }
-  connection_.close();
-  session_.unwatch();
-  session_.lost();
+}
+
+void Client::Impl::doThere(std::function<void()> work) {
+  const auto done = std::make_shared<std::promise<void>>();
+  connection_.post([work = std::move(work), done] {
+    work();
+    done->set_value();
+  });
+  done->get_future().wait();
 }
 
 Client::Client(Options options) : impl_(std::make_unique<Impl>(std::move(options))) {}

@@ -1,15 +1,13 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
-#include <optional>
+
+#include "mqtt/Connection.h"
 
 namespace propclient {
 
-using Clock = std::chrono::steady_clock;
-
-/// Nothing: never.
-using Deadline = std::optional<Clock::time_point>;
+using mqtt::Clock;
+using mqtt::Deadline;
 
 inline Deadline earlier(const Deadline& a, const Deadline& b) {
   return a && b ? std::min(*a, *b) : a ? a : b;

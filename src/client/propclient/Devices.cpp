@@ -1,10 +1,11 @@
 #include "propclient/Devices.h"
 
-#include <algorithm>
-#include <poll.h>
+#include <future>
 #include <random>
+#include <utility>
 
-#include "propclient/Connection.h"
+#include "propclient/Clock.h"
+#include "propclient/Settings.h"
 #include "wire/Names.h"
 
 namespace propclient {
@@ -16,61 +17,53 @@ std::string serialIn(const std::string& presenceTopic) {
   return presenceTopic.substr(start, presenceTopic.find('/', start) - start);
 }
 
-/// Reads what the broker retains. Where that ends, it does not say: so the reader sends a message to a branch
-/// of its own, which comes behind everything retained.
-class PresenceReader : public TransportListener {
+/// Reads what the broker retains. Since nothing marks the end of that, the reader then sends a message to a
+/// branch of its own, which arrives after everything retained.
+class PresenceReader : private mqtt::Listener {
  public:
   PresenceReader(const Options& options, const std::string& uniqueText)
       : ownTopic_(propertyservice::topic::presence(options.name)),
         mark_(uniqueText),
-        connection_(options, options.name + '-' + uniqueText, *this) {}
+        connection_(settingsOf(options, options.name + '-' + uniqueText), *this) {}
 
   std::map<std::string, bool> read(Clock::duration timeout) {
     const auto deadline = Clock::now() + timeout;
-    connection_.subscribe({propertyservice::topic::presence("+")});
-    connection_.open();
-    while (!ended_ && failure_.empty()) {
-      const auto now = Clock::now();
-      if (now >= deadline) {
-        throw ConnectionError("no list of devices in time; does the broker let this client write and read " +
-                              ownTopic_ + '?');
-      }
-      const auto until = std::min(deadline, connection_.nextTurn().value_or(deadline));
-      const auto patience = std::chrono::ceil<std::chrono::milliseconds>(until - now).count();
-      pollfd descriptor{connection_.socket(), connection_.awaitedEvents(), 0};
-      poll(&descriptor, 1, static_cast<int>(std::max<decltype(patience)>(patience, 0)));
-      connection_.turn(descriptor.revents);
+    connection_.subscribe(propertyservice::topic::presence("+"));
+    try {
+      connection_.connect();
+    } catch (const mqtt::Error& error) {
+      throw ConnectionError(error.what());
     }
-    if (!ended_) {
-      throw ConnectionError(failure_);
+    auto devices = allDevices_.get_future();
+    if (devices.wait_until(deadline) != std::future_status::ready) {
+      throw ConnectionError("no list of devices in time; does the broker let this client write and read " +
+                            ownTopic_ + '?');
     }
-    return std::move(devices_);
+    return devices.get();
   }
 
  private:
-  void opened() override { connection_.publish(ownTopic_, mark_); }
-  void failed(const std::string& reason) override { failure_ = reason; }
-  void lost() override { failure_ = "the connection to the broker broke"; }
-  void subscribed(const std::optional<std::string>& refused) override {
-    if (refused) {
-      failure_ = *refused;
-    }
-  }
+  void opened() override { connection_.publish(ownTopic_, mark_, kQosOfRequests); }
+  void failed(const std::string& /*reason*/) override {}
+  void lost(const std::string& /*reason*/) override { devices_.clear(); }
+  void subscribed(const std::vector<std::string>& /*refused*/) override {}
 
-  void received(const std::string& topic, const std::string& payload) override {
-    if (topic == ownTopic_ && payload == mark_) {
-      ended_ = true;
-    } else if (payload == "0" || payload == "1") {
-      devices_[serialIn(topic)] = payload == "1";
+  void received(const mqtt::Message& message) override {
+    if (message.topic == ownTopic_ && message.payload == mark_) {
+      if (!std::exchange(ended_, true)) {
+        allDevices_.set_value(devices_);
+      }
+    } else if (message.payload == "0" || message.payload == "1") {
+      devices_[serialIn(message.topic)] = message.payload == "1";
     }
   }
 
   const std::string ownTopic_;
   const std::string mark_;
-  Connection connection_;
   std::map<std::string, bool> devices_;
   bool ended_ = false;
-  std::string failure_;
+  std::promise<std::map<std::string, bool>> allDevices_;
+  mqtt::Connection connection_;
 };
 
 }  // namespace

@@ -64,13 +64,13 @@ void Session::lost() {
   conversation_.lost();
 }
 
-void Session::subscribed(const std::optional<std::string>& refused) {
+void Session::subscribed(const std::vector<std::string>& refused) {
   const auto watch = watch_;
   if (!watch || !watchDone_) {
     return;
   }
-  if (refused) {
-    watchIsDone("the broker refuses the subscription to " + *refused);
+  if (!refused.empty()) {
+    watchIsDone("the broker refuses the subscription to " + refused.front());
     unwatch();
   } else {
     watch->opened();

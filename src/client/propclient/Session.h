@@ -41,10 +41,10 @@ class Session {
   void watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done);
   void unwatch();
 
-  // As of `TransportListener`.
+  // As of `mqtt::Listener`.
   void opened();
   void lost();
-  void subscribed(const std::optional<std::string>& refused);
+  void subscribed(const std::vector<std::string>& refused);
   void received(const std::string& topic, const std::string& payload);
 
   void keepTime(Clock::time_point now);

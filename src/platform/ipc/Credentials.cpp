@@ -8,7 +8,7 @@
 
 namespace ipc {
 
-std::optional<Credentials> readCredentials(const std::string& path) {
+std::optional<mqtt::Credentials> readCredentials(const std::string& path) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 && errno == ENOENT) {
     return std::nullopt;
@@ -18,7 +18,7 @@ std::optional<Credentials> readCredentials(const std::string& path) {
                        ": must be a file that nobody but its owner may read (mode 0600)");
   }
 
-  Credentials credentials;
+  mqtt::Credentials credentials;
   std::ifstream file(path);
   if (!std::getline(file, credentials.user) || credentials.user.empty()) {
     throw IPCException("credentials in " + path + ": no user name on the first line");

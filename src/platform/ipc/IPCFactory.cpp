@@ -1,9 +1,12 @@
 #include "ipc/IPCFactory.h"
 
+#include <csignal>
 #include <cstdint>
 #include <random>
+#include <utility>
 
 #include "ipc/MosquittoClient.h"
+#include "wire/Names.h"
 
 namespace ipc {
 
@@ -19,12 +22,28 @@ std::string randomSuffix() {
   return suffix;
 }
 
+/// libmosquitto writes to its socket in a way that raises SIGPIPE when the broker has gone, and it is any
+/// thread that publishes.
+void ignoreBrokenPipes() {
+  struct sigaction broken {};
+  if (sigaction(SIGPIPE, nullptr, &broken) == 0 && broken.sa_handler == SIG_DFL) {
+    broken.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &broken, nullptr);
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<IIPCClient> IPCFactory::createInstanceShared(const std::string& name, const std::string& host,
-                                                             bool uniqueSuffix) {
-  return std::make_shared<MosquittoClient>(uniqueSuffix ? name + randomSuffix() : name, host,
-                                           "/etc/ipc/" + name + ".credentials");
+                                                             bool uniqueSuffix,
+                                                             std::function<void()> sayAlive) {
+  ignoreBrokenPipes();
+  return std::make_shared<MosquittoClient>(
+      MosquittoClient::Options{.id = uniqueSuffix ? name + randomSuffix() : name,
+                               .host = host,
+                               .credentialsPath = "/etc/ipc/" + name + ".credentials",
+                               .presenceTopic = uniqueSuffix ? "" : propertyservice::topic::online(name),
+                               .sayAlive = std::move(sayAlive)});
 }
 
 }  // namespace ipc

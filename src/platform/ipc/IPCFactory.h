@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -9,13 +10,22 @@ namespace ipc {
 
 class IPCFactory {
  public:
-  /// A client of the bus that calls itself `name` (its client identifier), with a suffix of its own behind it
-  /// where `uniqueSuffix` is set. Nothing is sent before `connect`. The broker is looked for on `host`, port
-  /// 1883. Where the device has a file "/etc/ipc/NAME.credentials" (user name and password, a line each, mode
-  /// 0600), every `connect` proves itself with them; without it there is no authentication. From the first
-  /// call on the process ignores SIGPIPE, unless it has a handler for it. Throws `IPCException`.
+  /// Returns a client of the bus that calls itself `name` (its client identifier), followed by a suffix of
+  /// its own where `uniqueSuffix` is set. Nothing is sent before `connect`. The broker is looked for on
+  /// `host`, port 1883. Where the device has a file "/etc/ipc/NAME.credentials" (user name and password, a
+  /// line each, mode 0600), every `connect` presents them; without it there is no authentication.
+  ///
+  /// A client without a suffix announces whether it is there: retained on "services/NAME/online" are "1" once
+  /// it is connected and subscribed, and "0" after `disconnect` or a loss.
+  ///
+  /// `sayAlive` is called on the callback thread whenever that comes by, at most and, while no callback holds
+  /// it up, at least every 10 s: a watchdog can be fed from it. It must not throw.
+  ///
+  /// From the first call on the process ignores SIGPIPE, unless it has a handler for it. Throws
+  /// `IPCException`.
   static std::shared_ptr<IIPCClient> createInstanceShared(const std::string& name, const std::string& host,
-                                                          bool uniqueSuffix);
+                                                          bool uniqueSuffix,
+                                                          std::function<void()> sayAlive = nullptr);
 };
 
 }  // namespace ipc

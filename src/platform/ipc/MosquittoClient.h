@@ -1,36 +1,30 @@
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
-#include <map>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ipc/IIPCClient.h"
-#include "ipc/Outbox.h"
-#include "ipc/Wakeup.h"
-
-struct mosquitto;
+#include "mqtt/Connection.h"
 
 namespace ipc {
 
-/// The bus over libmosquitto (MQTT 3.1.1).
-///
-/// One thread, started by `connect` and ended by `disconnect`, waits for the socket, reads, calls the
-/// callbacks with no lock held, and then writes all that the turn gave: acknowledgements and what the
-/// callbacks published. Any other thread that publishes writes to the socket itself and wakes that thread
-/// only when the socket is full.
-///
-/// libmosquitto is only ever called under `mutex_`, and its own callbacks, which therefore run under it too,
-/// only change the state here and note events.
-class MosquittoClient : public IIPCClient {
+/// The bus over `mqtt::Connection`: one connection from each `connect` to the next `disconnect`, whose thread
+/// is the callback thread, and the callbacks with their subscriptions, which outlast it.
+class MosquittoClient : public IIPCClient, private mqtt::Listener {
  public:
-  /// Throws `IPCException` for an `id` that MQTT does not allow. `host` stands in for an empty one of
-  /// `connect`.
-  MosquittoClient(std::string id, std::string host, std::string credentialsPath);
+  struct Options {
+    std::string id;
+    std::string host;  ///< Stands in for an empty one of `connect`.
+    std::string credentialsPath{};
+    std::string presenceTopic{};       ///< Empty: presence is not announced.
+    std::function<void()> sayAlive{};  ///< As of `IPCFactory`.
+  };
+
+  /// Throws `IPCException` for an `id` that MQTT does not allow.
+  explicit MosquittoClient(Options options);
   ~MosquittoClient() override;
 
   void connect(int cleanSession, int maxQos, const std::string& host) override;
@@ -39,104 +33,38 @@ class MosquittoClient : public IIPCClient {
   void subscribe(const std::string& topicFilter, IIPCCallback* callback) override;
 
  private:
-  using Clock = std::chrono::steady_clock;
-
-  struct Destroy {
-    void operator()(mosquitto* library) const;
-  };
-  using Library = std::unique_ptr<mosquitto, Destroy>;
-
-  enum class Connection {
-    none,        ///< Not asked for.
-    pausing,     ///< The next attempt starts at `timer_`.
-    attempting,  ///< The broker has until `timer_` to accept the connection and the subscriptions.
-    open,
-    failed,  ///< `connect` got none, `failure_` says why.
-  };
-
-  struct Listener {
+  struct Subscriber {
     IIPCCallback* callback;
     std::vector<std::string> topicFilters;
   };
-  using Listeners = std::vector<Listener>;
+  using Subscribers = std::vector<Subscriber>;
 
-  /// Something to tell the callbacks.
-  struct Event {
-    enum class Kind { messageArrived, deliveryComplete, connectionLost };
+  std::shared_ptr<mqtt::Connection> connection();
+  void discard(const std::shared_ptr<mqtt::Connection>& connection);
 
-    Kind kind;
-    std::string text;  ///< The topic, or the cause of a lost connection.
-    std::string payload;
-  };
+  // Of the callback thread, as of `mqtt::Listener`.
+  void opened() override;
+  void failed(const std::string& reason) override;
+  void lost(const std::string& reason) override;
+  void subscribed(const std::vector<std::string>& refused) override;
+  void received(const mqtt::Message& message) override;
+  void delivered(const std::string& topic) override;
+  mqtt::Deadline turned() override;
+  template <typename Call>
+  void tell(const char* name, const std::string& topic, Call call);
 
-  // The life of the connection. As everything down to the callback thread, these need `mutex_`.
-  bool isConnected() const {
-    return connection_ == Connection::attempting || connection_ == Connection::open;
-  }
-  Library makeLibrary(bool cleanSession);
-  void attempt();
-  void connectionAnswered();
-  void connectionBroke(const std::string& cause);
-  void pauseBeforeAttempt();
-  void requestSubscription(const std::string& topicFilter);
-
-  // What libmosquitto reports.
-  void onConnect(int answer);
-  void onDisconnect(int reason);
-  void onSubscribed(int id, bool granted);
-  void onPublished(int id);
-
-  // The way out.
-  int handOver(const std::string& topic, const std::string& payload, int qos);
-  void handOverWaiting();
-  void write();
-  void writeFromAnyThread();
-
-  // The callback thread.
-  void run();
-  void takeTurn(std::unique_lock<std::mutex>& lock);
-  int pollTimeoutMs() const;
-  void keepTime();
-  void dispatchEvents(std::unique_lock<std::mutex>& lock);
-  static void dispatch(const Event& event, const Listener& listener);
-
-  void stop();
-
-  // Constant after construction.
-  const std::string id_;
-  const std::string host_;
-  const std::string credentialsPath_;
-
-  Wakeup wakeup_;
-
-  // Held from the beginning to the end of `connect` and `disconnect`; taken before `mutex_`.
-  std::mutex lifecycle_;
-  std::thread loop_;
+  const Options options_;
 
   std::mutex mutex_;
-  std::condition_variable changed_;  ///< Of `opened_`, `connection_` and whether `outbox_` is empty.
+  std::shared_ptr<mqtt::Connection> connection_;  ///< Guarded by mutex_.
+  std::shared_ptr<const Subscribers> subscribers_ =
+      std::make_shared<Subscribers>();  ///< Guarded by mutex_; replaced, never changed.
 
-  // Constant from `connect` to `disconnect`, guarded by mutex_.
-  Library library_;
+  // Of the callback thread, and of `connect` before it starts that.
   std::string broker_;
-  std::vector<std::string> addresses_;  ///< What `broker_` stands for.
-  int maxQos_ = 0;
-  std::thread::id callbackThread_;
-
-  // Guarded by mutex_.
-  Connection connection_ = Connection::none;
-  bool opened_ =
-      false;  ///< Since `connect` the connection has been open; from now on it comes back by itself.
-  bool stopping_ = false;
-  std::string failure_;      ///< Why the latest attempt failed.
-  std::size_t address_ = 0;  ///< The address to try next.
-  Clock::time_point timer_;
-  Clock::time_point openSince_;
-  Clock::duration pause_{};  ///< Before the next attempt that follows a failed one.
-  std::shared_ptr<const Listeners> listeners_ = std::make_shared<Listeners>();  ///< Replaced, never changed.
-  std::map<int, std::string> unansweredSubscriptions_;                          ///< By message id.
-  Outbox outbox_;
-  std::vector<Event> events_;
+  bool wasOpen_ = false;
+  std::string failure_;  ///< The latest reason why the connection is not back yet.
+  mqtt::Clock::time_point sayAliveAt_;
 };
 
 }  // namespace ipc

@@ -1,7 +1,6 @@
 #include <sys/stat.h>
 
 #include "propclient/Client.h"
-#include "propclient/Connection.h"
 #include "support/Device.h"
 #include "support/TcpProxy.h"
 
@@ -58,7 +57,7 @@ TEST(Connection, givesUpABrokerThatDoesNotAnswerInTime) {
   const auto before = std::chrono::steady_clock::now();
 
   EXPECT_EQ(failureOf({.host = "127.0.0.1", .timeout = kShortly}),
-            "no connection to the broker at 127.0.0.1:1883: no answer");
+            "no connection to the broker at 127.0.0.1:1883: the broker does not answer");
 
   EXPECT_LT(std::chrono::steady_clock::now() - before, kPatience);
 }

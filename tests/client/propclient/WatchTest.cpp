@@ -26,7 +26,7 @@ class WatchTest : public testing::Test {
     session_.watch(
         groups, [this](const Change& change) { told_.push_back(text(change)); },
         [this](const Value& failure) { outcome_ = failure.value_or("done"); });
-    session_.subscribed(std::nullopt);
+    session_.subscribed({});
   }
 
   static std::string text(const Change& change) {
@@ -124,7 +124,7 @@ TEST_F(WatchTest, failsWhereTheBrokerRefusesTheSubscription) {
   session_.watch(
       {}, [](const Change&) {}, [this](const Value& failure) { outcome_ = failure.value_or("done"); });
 
-  session_.subscribed("prop-service-groupnotify/any");
+  session_.subscribed({"prop-service-groupnotify/any"});
 
   EXPECT_EQ(outcome_, "the broker refuses the subscription to prop-service-groupnotify/any");
   EXPECT_THAT(daemon_.requests, IsEmpty());
@@ -442,7 +442,7 @@ TEST_F(WatchTest, tellsNothingAfterItsEndInACallback) {
         session_.unwatch();
       },
       [](const Value&) {});
-  session_.subscribed(std::nullopt);
+  session_.subscribed({});
   settle();
   daemon_.change("State.A", "1");
   daemon_.change("State.B", "1");
@@ -458,7 +458,7 @@ TEST_F(WatchTest, givesWayToAnotherWatch) {
   std::vector<std::string> toldOther;
   session_.watch(
       {"net"}, [&](const Change& change) { toldOther.push_back(text(change)); }, [](const Value&) {});
-  session_.subscribed(std::nullopt);
+  session_.subscribed({});
   settle();
 
   daemon_.change("Audio.Volume", "7");
@@ -488,7 +488,7 @@ class WatchRaces : public testing::TestWithParam<unsigned> {
     session_.opened();
     session_.watch(
         {}, [this](const Change& change) { told_[change.key].push_back(change); }, [](const Value&) {});
-    session_.subscribed(std::nullopt);
+    session_.subscribed({});
   }
 
   /// Something happens; `makeChange` changes a property.

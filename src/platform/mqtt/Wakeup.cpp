@@ -1,17 +1,17 @@
-#include "ipc/Wakeup.h"
+#include "mqtt/Wakeup.h"
 
 #include <cerrno>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
 
-#include "ipc/IPCException.h"
+#include "mqtt/Error.h"
 
-namespace ipc {
+namespace mqtt {
 
 Wakeup::Wakeup() : descriptor_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (descriptor_ < 0) {
-    throw IPCException("eventfd: " + std::generic_category().message(errno));
+    throw Error("eventfd: " + std::generic_category().message(errno));
   }
 }
 
@@ -28,4 +28,4 @@ void Wakeup::clear() {
   eventfd_read(descriptor_, &ignored);
 }
 
-}  // namespace ipc
+}  // namespace mqtt

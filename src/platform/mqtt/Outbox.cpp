@@ -1,9 +1,9 @@
-#include "ipc/Outbox.h"
+#include "mqtt/Outbox.h"
 
 #include <algorithm>
 #include <utility>
 
-namespace ipc {
+namespace mqtt {
 
 const Outbox::Message* Outbox::next() const {
   return waiting_.empty() || !mayDepart(waiting_.front().qos) ? nullptr : &waiting_.front();
@@ -56,4 +56,4 @@ void Outbox::clear() {
   bytes_ = 0;
 }
 
-}  // namespace ipc
+}  // namespace mqtt

@@ -1,6 +1,6 @@
-#include "ipc/Outbox.h"
+#include "mqtt/Outbox.h"
 
-namespace ipc {
+namespace mqtt {
 namespace {
 
 TEST(Outbox, isEmptyOnceAllIsAcknowledged) {
@@ -95,4 +95,4 @@ TEST(Outbox, forgetsOnlyMessagesOfQos0WithTheConnection) {
 }
 
 }  // namespace
-}  // namespace ipc
+}  // namespace mqtt

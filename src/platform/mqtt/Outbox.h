@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace ipc {
+namespace mqtt {
 
 /// What was published and is not acknowledged yet, in order: messages in flight, which libmosquitto has and
 /// sends again after a loss of the connection, and behind them messages that wait for their turn. The flight
@@ -28,6 +28,9 @@ class Outbox {
   static constexpr std::size_t kMostInFlightQos2 = 20;
 
   bool empty() const { return inFlight_.empty() && waiting_.empty(); }
+
+  /// Whether a message waits for its turn.
+  bool waits() const { return !waiting_.empty(); }
 
   bool hasRoomFor(std::size_t bytes) const { return bytes <= kMostBytes - bytes_; }
 
@@ -71,4 +74,4 @@ class Outbox {
   std::size_t bytes_ = 0;
 };
 
-}  // namespace ipc
+}  // namespace mqtt

@@ -1,11 +1,11 @@
 #pragma once
 
-namespace ipc {
+namespace mqtt {
 
 /// Gets a thread out of its `poll`. Safe from any thread.
 class Wakeup {
  public:
-  /// Throws `IPCException`.
+  /// Throws `Error`.
   Wakeup();
   Wakeup(const Wakeup&) = delete;
   Wakeup& operator=(const Wakeup&) = delete;
@@ -21,4 +21,4 @@ class Wakeup {
   const int descriptor_;
 };
 
-}  // namespace ipc
+}  // namespace mqtt
