@@ -7,6 +7,7 @@
 #include <functional>
 #include <mutex>
 #include <queue>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -47,16 +48,23 @@ class ActiveQueue {
   }
 
   /// Lets the worker handle what has been pushed and waits for its end; does not wait when the worker itself
-  /// calls. For good: there is no restart. A second call does nothing.
+  /// calls. For good: there is no restart. Any thread may call it, several at once too; each waits.
   void stop() {
     if (!stopped_) {
       const std::scoped_lock lock(mutex_);
       stopped_ = true;
       wakeUp_.notify_one();
     }
-    const bool calledByWorker = worker_.get_id() == std::this_thread::get_id();
-    if (worker_.joinable() && !calledByWorker) {
-      worker_.join();
+    if (workerId_ == std::this_thread::get_id()) {
+      return;
+    }
+    const std::scoped_lock lock(joining_);
+    if (worker_.joinable()) {
+      try {
+        worker_.join();
+      } catch (const std::system_error&) {
+        // The owner is about to go, and an exception would not bring the worker to its end.
+      }
     }
   }
 
@@ -71,7 +79,10 @@ class ActiveQueue {
   /// this at the end of its constructor, when there is something to process with, and `stop` at the start of
   /// its destructor.
   void start() {
-    worker_ = std::thread([this] { run(); });
+    worker_ = std::thread([this] {
+      workerId_ = std::this_thread::get_id();
+      run();
+    });
   }
 
   bool isStopped() const { return stopped_; }
@@ -117,8 +128,10 @@ class ActiveQueue {
   const std::chrono::milliseconds timeout_;
   std::mutex mutex_;
   std::condition_variable wakeUp_;
-  std::atomic<bool> stopped_{false};  ///< Written under the mutex.
-  bool waiting_ = false;              ///< Guarded by the mutex: the worker is in its timed wait.
+  std::atomic<bool> stopped_{false};       ///< Written under the mutex.
+  bool waiting_ = false;                   ///< Guarded by the mutex: the worker is in its timed wait.
+  std::atomic<std::thread::id> workerId_;  ///< Written by the worker, before it handles anything.
+  std::mutex joining_;                     ///< Held by the one thread that waits for the worker's end.
   std::thread worker_;
 };
 

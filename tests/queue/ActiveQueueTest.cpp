@@ -1,12 +1,28 @@
 #include <atomic>
+#include <cerrno>
+#include <dlfcn.h>
 #include <latch>
 #include <mutex>
 #include <numeric>
 #include <optional>
+#include <pthread.h>
 #include <thread>
 
 #include "queue/ActiveQueue.h"
 #include "support/Eventually.h"
+
+namespace {
+
+std::atomic<bool> joinFails = false;
+
+}  // namespace
+
+/// Stands before the C library's.
+extern "C" int pthread_join(pthread_t thread, void** result) {
+  using Join = int (*)(pthread_t, void**);
+  static const auto join = reinterpret_cast<Join>(dlsym(RTLD_NEXT, "pthread_join"));
+  return joinFails ? EINVAL : join(thread, result);
+}
 
 namespace common {
 namespace {
@@ -118,6 +134,60 @@ TEST(ActiveQueue, mayBeStoppedTwice) {
   queue.stop();
 
   EXPECT_FALSE(queue.isWaiting());
+}
+
+TEST(ActiveQueue, mayBeStoppedByTwoThreadsAtOnce) {
+  constexpr int kRounds = 1000;
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<int> handled = 0;
+    ActiveQueue<int> queue([&](int&) { ++handled; }, true, kTimeoutMs);
+    queue.push(1);
+    std::latch bothRun(2);
+    const auto stop = [&] {
+      bothRun.arrive_and_wait();
+      queue.stop();
+      EXPECT_EQ(handled, 1);
+    };
+
+    std::thread first(stop);
+    std::thread second(stop);
+    first.join();
+    second.join();
+  }
+}
+
+TEST(ActiveQueue, mayBeStoppedByItsHandlerWhileAnotherThreadWaitsForIt) {
+  std::latch handling(1);
+  std::latch mayStop(1);
+  std::optional<ActiveQueue<int>> queue;
+  queue.emplace(
+      [&](int&) {
+        handling.count_down();
+        mayStop.wait();
+        queue->stop();
+      },
+      true, kTimeoutMs);
+  queue->push(1);
+  handling.wait();
+
+  std::thread stopper([&] { queue->stop(); });
+  mayStop.count_down();
+  stopper.join();
+
+  EXPECT_FALSE(queue->isWaiting());
+}
+
+TEST(ActiveQueue, ignoresThatItsWorkerCannotBeWaitedFor) {
+  Sink sink;
+  ActiveQueue<int> queue([&](int& element) { sink(element); }, true, kTimeoutMs);
+  queue.push(1);
+
+  joinFails = true;
+  EXPECT_NO_THROW(queue.stop());
+  joinFails = false;
+  queue.stop();
+
+  EXPECT_EQ(sink.elements(), std::vector<int>{1});
 }
 
 TEST(ActiveQueue, mayBeStoppedFromItsOwnHandler) {
