@@ -1,6 +1,7 @@
 #pragma once
 
 #include <unistd.h>
+#include <utility>
 
 namespace common {
 
@@ -10,6 +11,7 @@ class Descriptor {
   explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
+  Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
   ~Descriptor() { reset(); }
 
   int get() const { return descriptor_; }

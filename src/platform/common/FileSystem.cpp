@@ -12,8 +12,8 @@ namespace filesystem {
 
 namespace {
 
-[[noreturn]] void throwCannotRead(const std::string& path) {
-  throw std::system_error(errno, std::generic_category(), "Cannot read " + path);
+[[noreturn]] void throwCannot(const char* operation, const std::string& path) {
+  throw std::system_error(errno, std::generic_category(), std::string("Cannot ") + operation + " " + path);
 }
 
 }  // namespace
@@ -21,7 +21,7 @@ namespace {
 std::string read(const std::string& path) {
   const common::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (file.get() < 0) {
-    throwCannotRead(path);
+    throwCannot("read", path);
   }
 
   std::string content;
@@ -33,7 +33,7 @@ std::string read(const std::string& path) {
     } else if (count == 0) {
       return content;
     } else if (errno != EINTR) {
-      throwCannotRead(path);
+      throwCannot("read", path);
     }
   }
 }
@@ -44,6 +44,21 @@ bool remove(const std::string& path) {
 
 bool checkFileExists(const std::string& path) {
   return access(path.c_str(), F_OK) == 0;
+}
+
+void create(const std::string& path) {
+  constexpr mode_t kOwner = 0600;
+  const common::Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kOwner));
+  if (file.get() < 0) {
+    throwCannot("make", path);
+  }
+}
+
+void synchronize(const std::string& path) {
+  const common::Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (file.get() < 0 || fsync(file.get()) != 0) {
+    throwCannot("synchronize", path);
+  }
 }
 
 }  // namespace filesystem

@@ -74,6 +74,36 @@ TEST_F(FileSystemTest, doesNotRemoveADirectory) {
   EXPECT_TRUE(std::filesystem::exists(path));
 }
 
+TEST_F(FileSystemTest, makesAnEmptyFileForItsOwnerAlone) {
+  const std::string path = directory_.path("file");
+
+  create(path);
+
+  EXPECT_EQ(read(path), "");
+  EXPECT_EQ(std::filesystem::status(path).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+TEST_F(FileSystemTest, leavesAFileThatIsThereAsItIs) {
+  const std::string path = directory_.write("file", "text");
+
+  create(path);
+
+  EXPECT_EQ(read(path), "text");
+}
+
+TEST_F(FileSystemTest, throwsForAFileThatCannotBeMade) {
+  EXPECT_THAT([&] { create(directory_.path("missing/file")); },
+              ThrowsMessage<std::runtime_error>(HasSubstr(directory_.path("missing/file"))));
+}
+
+TEST_F(FileSystemTest, synchronizesFilesAndFolders) {
+  EXPECT_NO_THROW(synchronize(directory_.write("file", "text")));
+  EXPECT_NO_THROW(synchronize(directory_.path()));
+  EXPECT_THAT([&] { synchronize(directory_.path("missing")); },
+              ThrowsMessage<std::runtime_error>(HasSubstr(directory_.path("missing"))));
+}
+
 TEST_F(FileSystemTest, findsAFileThatExists) {
   EXPECT_TRUE(checkFileExists(directory_.write("file", "")));
 }
