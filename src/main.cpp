@@ -3,6 +3,8 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <sys/stat.h>
 #include <tuple>
 #include <utility>
 
@@ -12,6 +14,7 @@
 #include "core/Init.h"
 #include "core/Log.h"
 #include "core/Messenger.h"
+#include "core/StoreLock.h"
 #include "dbg/Debug.h"
 #include "ipc/IPCFactory.h"
 
@@ -25,6 +28,8 @@ constexpr unsigned kStartLogMask = 14;
 
 int main(int argc, char* argv[]) {
   dbg::DebugStreamBuf::setMask(kStartLogMask);
+  // Passwords are in the database and in backups: what is made from here on is for the owner alone.
+  umask(S_IRWXG | S_IRWXO);
 
   cmdlineparser::CmdLineParser parser;
   parser.defineCmdLineOption("force-db-init", "Force database initialization", 0);
@@ -46,9 +51,11 @@ int main(int argc, char* argv[]) {
   const bool forceDbInit = parser.checkOptionPassed("force-db-init");
   const bool dropState = parser.checkOptionPassed("drop-state");
 
+  std::optional<StoreLock> lock;
   std::shared_ptr<IDatabaseService> database;
   std::unique_ptr<IDatabaseBackup> backup;
   try {
+    lock.emplace(DevicePaths());
     std::tie(database, backup) = InitContext().initializeDatabases(forceDbInit, dropState);
   } catch (const std::exception& exception) {
     logger().error() << exception.what() << "\nCRITICAL. Database was not initialized. Exitting.";

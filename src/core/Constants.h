@@ -14,6 +14,7 @@ inline constexpr std::string_view kSqlWildcard = "%";
 inline constexpr std::string_view kRegexpWildcard = ".*";
 
 inline constexpr std::string_view kDatabasePath = "/usr/sbin/nvm";
+inline constexpr std::string_view kUnfinishedSuffix = ".unfinished";
 inline constexpr std::string_view kCreationScriptPath = "/etc/propsrv.d/nvminit.sql";
 inline constexpr std::string_view kVolatileStorePath = "/var/volatile/stateCache";
 

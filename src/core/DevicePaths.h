@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <string>
 
 #include "core/Constants.h"
@@ -9,6 +10,12 @@ namespace propertyservice {
 /// Where things are on the device. Only tests give other places.
 struct DevicePaths {
   std::string database{kDatabasePath};
+  std::string databaseFolder() const { return std::filesystem::path(database).parent_path(); }
+  std::string volatileStoreFolder() const { return std::filesystem::path(volatileStore).parent_path(); }
+
+  /// An empty file beside the database for as long as that is being made.
+  std::string unfinishedMark() const { return database + std::string(kUnfinishedSuffix); }
+
   std::string creationScript{kCreationScriptPath};
   std::string volatileStore{kVolatileStorePath};
 

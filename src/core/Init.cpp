@@ -9,6 +9,7 @@
 #include "common/FileSystem.h"
 #include "core/Customization.h"
 #include "core/DatabaseBackup.h"
+#include "core/Log.h"
 #include "core/ReadOnlyParameters.h"
 #include "database/DatabaseService.h"
 #include "database/PersistentDatabase.h"
@@ -27,10 +28,44 @@ using Database = PersistentDatabase<std::unique_ptr<PersistentStorage>,
                                     std::unique_ptr<PersistentDatabaseCache>, std::unique_ptr<Validator>>;
 using StateCache = VolatileStorage<leveldb::DB>;
 
-/// What the command achieved shows when its result is opened.
+constexpr unsigned kTimeoutMs = 10'000;
+
+/// Ignores how the command ended: opening the result reveals a failure.
 void run(const std::string& command) {
-  constexpr unsigned kTimeoutMs = 10'000;
   os::execute(command, kTimeoutMs);
+}
+
+/// The first line in which the shell complains; the first line of all where none of them names an error.
+std::string complaintIn(const std::string& output) {
+  const std::size_t error = output.find("rror");
+  const std::size_t begin = error == std::string::npos ? 0 : output.rfind('\n', error) + 1;
+  return output.substr(begin, output.find('\n', begin) - begin);
+}
+
+/// Throws when the command did not come to its own end, so that part of its work is missing.
+void requireItsOwnEnd(const os::ExecuteResult& result, const std::string& database) {
+  // A shell reports a child that a signal ended as 128 and the number of the signal.
+  constexpr int kEndedBySignal = 128;
+  const std::string notFinished = "Making " + database + " was not finished";
+  if (result.timedOut) {
+    throw std::runtime_error(notFinished + " within " + std::to_string(kTimeoutMs / 1000) +
+                             " s: make its script quicker, by one transaction around all statements");
+  }
+  if (result.status > kEndedBySignal) {
+    throw std::runtime_error(notFinished + ": signal " + std::to_string(result.status - kEndedBySignal) +
+                             " ended the shell; the next start makes it anew");
+  }
+}
+
+/// Takes its journals away as well: they would be replayed into the database that comes next.
+void removeDatabase(const std::string& path) {
+  run("rm -f " + path);
+  for (const char* const suffix : {"", "-journal", "-wal", "-shm"}) {
+    filesystem::remove(path + suffix);
+    if (filesystem::checkFileExists(path + suffix)) {
+      throw std::runtime_error("Cannot remove " + path + suffix);
+    }
+  }
 }
 
 /// In the order in which they judge a write.
@@ -96,13 +131,53 @@ InitContext::initializeDatabases(bool forceDbInit, bool dropState) {
 
 /// Without the create flag: a file that the script failed to create must not be opened as an empty database.
 void InitContext::createPersistentStorage(bool forceDbInit) {
-  if (forceDbInit) {
-    run("rm -f " + paths_.database);
+  const bool unfinished = filesystem::checkFileExists(paths_.unfinishedMark());
+  if (unfinished) {
+    logger().warning() << "Database was not finished and is made anew: " << paths_.database;
   }
-  if (!filesystem::checkFileExists(paths_.database)) {
-    run("sqlite3 " + paths_.database + " < " + paths_.creationScript);
+  const bool missing = !filesystem::checkFileExists(paths_.database);
+  const bool make = forceDbInit || unfinished || missing;
+  if (make) {
+    createDatabase();
   }
   storage_ = std::make_unique<PersistentStorage>(openDatabase(paths_.database));
+  if (make) {
+    concludeCreation();
+  }
+}
+
+/// 1. The mark reaches the disk. From here on every start begins at 2.
+/// 2. What is left of a database goes.
+/// 3. The shell makes the new one. Where it is killed, or this process is, the mark stays.
+void InitContext::createDatabase() {
+  filesystem::create(paths_.unfinishedMark());
+  filesystem::synchronize(paths_.databaseFolder());
+  removeDatabase(paths_.database);
+
+  const os::ExecuteResult result =
+      os::execute("sqlite3 " + paths_.database + " < " + paths_.creationScript, kTimeoutMs);
+  requireItsOwnEnd(result, paths_.database);
+  if (result.status != 0) {
+    logger().error() << "The shell ended with status " << result.status << " on " << paths_.creationScript
+                     << ": " << excerpt(complaintIn(result.output));
+  }
+}
+
+/// 4. The database reaches the disk, whatever its script has told the shell about that.
+/// 5. The mark goes, before a client's first write could be lost with the database.
+///
+/// A table that came out empty ends the start-up later on. Its mark stays, so that the next start tries
+/// again.
+void InitContext::concludeCreation() {
+  if (storage_->selectMultiple(std::string(kSqlWildcard)).empty()) {
+    return;
+  }
+  filesystem::synchronize(paths_.database);
+  filesystem::synchronize(paths_.databaseFolder());
+  if (!filesystem::remove(paths_.unfinishedMark())) {
+    throw std::runtime_error("Cannot remove " + paths_.unfinishedMark());
+  }
+  filesystem::synchronize(paths_.databaseFolder());
 }
 
 }  // namespace propertyservice

@@ -24,6 +24,8 @@ class InitContext {
 
  private:
   void createPersistentStorage(bool forceDbInit);
+  void createDatabase();
+  void concludeCreation();
 
   const DevicePaths paths_;
   std::shared_ptr<IDatabaseService> service_;

@@ -14,7 +14,10 @@ namespace {
 
 using test::LogCapture;
 using test::TemporaryDirectory;
+using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::SizeIs;
+using testing::ThrowsMessage;
 
 constexpr char kDeviceName[] = "NET.General.DeviceNameInNetwork";
 constexpr char kRecovery[] = "State.System.General.FirmwareUpdateParametersRecovery";
@@ -33,6 +36,16 @@ constexpr char kRows[] =
     "('WebUI.PhoneModel', '', 1), ('System.Debug.LevelMask.PROP-SRV', '30', 0), "
     "('NET.General.DeviceNameInNetwork', 'Halcyon', 0), ('NVM.Version', '17', 0), "
     "('A', 'from script', 8), ('B', 'from script', 24);\n";
+
+/// The table and the rows that start-up needs, with `count` more, each in a statement and on a line of its
+/// own.
+std::string separateRows(int count) {
+  std::string script = std::string(kTable) + kRows;
+  for (int row = 0; row < count; ++row) {
+    script += "INSERT INTO settings(key, value) VALUES ('Row." + std::to_string(row) + "', 'x');\n";
+  }
+  return script;
+}
 
 DevicePaths pathsIn(const TemporaryDirectory& directory) {
   DevicePaths paths;
@@ -151,6 +164,164 @@ TEST_F(InitTest, runsNoShellForAnExistingDatabase) {
   start();
 
   EXPECT_FALSE(exists("ran"));
+}
+
+/// The lines of the creation script, run by a shell that is killed after some of them.
+TEST_F(InitTest, servesEveryRowAfterTheShellWasKilledAtAnyLine) {
+  constexpr int kRowCount = 4;
+  const std::string rows = separateRows(kRowCount);
+  for (const bool inOneTransaction : {true, false}) {
+    directory_.write("nvminit.sql", inOneTransaction ? "BEGIN;\n" + rows + "COMMIT;\n" : rows);
+    for (const bool force : {false, true}) {
+      for (int lines = 0; lines <= kRowCount + 4; ++lines) {
+        SCOPED_TRACE(testing::Message() << lines << (inOneTransaction ? " in one transaction" : ""));
+        shutDown();
+        std::filesystem::remove(paths_.database);
+        if (force) {
+          start();
+          set("A", "changed");
+          shutDown();
+        }
+        {
+          const ProgramInFront sqlite3(directory_, "sqlite3",
+                                       "#!/bin/sh\nhead -n " + std::to_string(lines) +
+                                           " | PATH=${PATH#*:} sqlite3 \"$1\"\nkill -9 $$\n");
+          LogCapture silent;
+          EXPECT_THAT([&] { start(force); }, ThrowsMessage<std::runtime_error>(HasSubstr("signal 9")));
+        }
+        EXPECT_TRUE(exists("nvm.unfinished"));
+        LogCapture silent;
+
+        start();
+
+        ASSERT_EQ(service_->getMultiple("Row.%", {}, "").size(), std::size_t{kRowCount});
+        ASSERT_EQ(valueOf("A"), "from script");
+        ASSERT_FALSE(exists("nvm.unfinished"));
+      }
+    }
+  }
+}
+
+TEST_F(InitTest, marksTheDatabaseBeforeItIsRemoved) {
+  start();
+  shutDown();
+  const ProgramInFront rm(directory_, "rm",
+                          "#!/bin/sh\n[ -e " + paths_.unfinishedMark() + " ] && touch " +
+                              directory_.path("marked") + "\nPATH=${PATH#*:} exec rm \"$@\"\n");
+
+  start(true);
+
+  EXPECT_TRUE(exists("marked"));
+  EXPECT_FALSE(exists("nvm.unfinished"));
+}
+
+TEST_F(InitTest, makesADatabaseThatWasNotFinishedAnewWhateverItHolds) {
+  start();
+  set("A", "changed");
+  shutDown();
+  directory_.write("nvm.unfinished", "");
+  directory_.write("nvm-journal", std::string(4096, 'x'));
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_FALSE(exists("nvm-journal"));
+  EXPECT_FALSE(exists("nvm.unfinished"));
+  EXPECT_THAT(log.linesWith("Database was not finished and is made anew: " + paths_.database), SizeIs(1));
+}
+
+TEST_F(InitTest, doesNotServeADatabaseThatWasNotFinishedAndCannotBeRemoved) {
+  std::filesystem::create_directory(paths_.database);
+  directory_.write("nvm.unfinished", "");
+  LogCapture silent;
+
+  EXPECT_THAT([this] { start(); }, ThrowsMessage<std::runtime_error>("Cannot remove " + paths_.database));
+  EXPECT_TRUE(exists("nvm.unfinished"));
+}
+
+TEST_F(InitTest, doesNotServePartOfTheRowsOfAScriptThatTakesTooLong) {
+  directory_.write("nvminit.sql", separateRows(20));
+  {
+    const ProgramInFront sqlite3(directory_, "sqlite3",
+                                 "#!/bin/sh\nhead -n 3 | PATH=${PATH#*:} sqlite3 \"$1\"\nsleep 60\n");
+
+    EXPECT_THAT([this] { start(); }, ThrowsMessage<std::runtime_error>(HasSubstr("within 10 s")));
+  }
+  EXPECT_TRUE(exists("nvm.unfinished"));
+  LogCapture silent;
+
+  start();
+
+  EXPECT_EQ(service_->getMultiple("Row.%", {}, "").size(), 20U);
+}
+
+TEST_F(InitTest, triesAgainToMakeATableThatCameOutEmpty) {
+  writeScript("");
+  {
+    LogCapture silent;
+    EXPECT_THROW(start(), std::exception);
+  }
+  writeScript(kRows);
+  LogCapture silent;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+}
+
+/// A mistake in the script, or around it, and how the log shows it.
+struct Mistake {
+  const char* name;
+  std::string statement;
+  std::string entry;
+};
+
+class MistakenScriptTest : public InitTest, public testing::WithParamInterface<Mistake> {};
+
+TEST_P(MistakenScriptTest, isOneErrorWithTheShellsComplaint) {
+  appendToScript(GetParam().statement + "\n");
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_THAT(log.linesWith("error "),
+              ElementsAre(HasSubstr(" The shell ended with status 1 on " + paths_.creationScript + ": " +
+                                    GetParam().entry)));
+  EXPECT_FALSE(exists("nvm.unfinished"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Mistakes, MistakenScriptTest,
+    testing::Values(
+        Mistake{"missingComma", "INSERT INTO settings(key) VALUES ('C') ('D');", "Parse error near line "},
+        Mistake{"afterOutput", "SELECT 'some output';\nINSERT INTO settings(key) VALUES ('C') ('D');",
+                "Parse error near line "},
+        Mistake{"twoOfThem", "INSERT INTO sett VALUES (1);\nINSERT INTO settings(key) VALUES ('A');",
+                "Parse error near line "},
+        Mistake{"repeatedKey", "INSERT INTO settings(key) VALUES ('A');", "Runtime error near line "}),
+    [](const auto& mistake) { return mistake.param.name; });
+
+TEST_F(InitTest, saysWhyTheShellCouldNotRead) {
+  std::filesystem::remove(paths_.creationScript);
+  LogCapture log;
+
+  EXPECT_THROW(start(), std::exception);
+
+  EXPECT_THAT(log.linesWith("error core/Init:"),
+              ElementsAre(HasSubstr(paths_.creationScript + ": No such file")));
+}
+
+TEST_F(InitTest, ignoresTheShellsStatus) {
+  const ProgramInFront sqlite3(directory_, "sqlite3", "#!/bin/sh\nPATH=${PATH#*:} sqlite3 \"$1\"\nexit 3\n");
+  LogCapture log;
+
+  start();
+
+  EXPECT_EQ(valueOf("A"), "from script");
+  EXPECT_THAT(log.linesWith("error core/Init:"),
+              ElementsAre(HasSubstr(" The shell ended with status 3 on ")));
 }
 
 TEST_F(InitTest, rebuildsTheDatabaseWhenForced) {
