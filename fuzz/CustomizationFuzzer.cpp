@@ -29,10 +29,10 @@ class Device {
 
   void customize(std::string_view text) {
     const std::string file = directory_.write("Update.Common.json", std::string(text));
-    const std::vector<Property> entries = parseCustomizationFile(file);
+    const std::size_t entries = parseCustomizationFile(file).size();
     const std::vector<std::string> lines = split(text, "\n");
-    require(entries.size() == lines.size() - static_cast<std::size_t>(std::ranges::count(lines, "")),
-            "each line but the empty ones is an entry");
+    const auto blank = static_cast<std::size_t>(std::ranges::count_if(lines, isBlankLine));
+    require(entries <= lines.size() - blank, "blank lines are not entries");
 
     SQLite::Transaction undone(*database_);
     try {

@@ -34,15 +34,19 @@ void appendQuoted(std::string& text, std::string_view value) {
 
 }  // namespace
 
-bool parse(const std::string& text, Json::Value& value) {
+bool parseOrThrow(const std::string& text, Json::Value& value) {
   // Collecting comments is quadratic in their number.
   constexpr bool kCollectComments = false;
 
   // To make one costs a tenth of reading a request.
   thread_local Json::Reader reader;
 
+  return reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
+}
+
+bool parse(const std::string& text, Json::Value& value) {
   try {
-    return reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
+    return parseOrThrow(text, value);
   } catch (const Json::Exception&) {
     return false;
   }

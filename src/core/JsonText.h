@@ -13,6 +13,9 @@ namespace propertyservice::json {
 /// included; `value` then holds what was read up to there, often null. Throws nothing.
 bool parse(const std::string& text, Json::Value& value);
 
+/// The same, but throws `Json::Exception` for what is nested too deeply.
+bool parseOrThrow(const std::string& text, Json::Value& value);
+
 /// `value` on one line, without blanks, all characters outside ASCII escaped, ended by a line feed.
 std::string write(const Json::Value& value);
 

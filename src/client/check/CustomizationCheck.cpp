@@ -14,9 +14,11 @@
 #include "client/check/JsonSource.h"
 #include "client/check/PropertyRules.h"
 #include "core/Constants.h"
+#include "core/Customization.h"
 #include "core/Integer.h"
 #include "core/Property.h"
 #include "database/PersistentStorage.h"
+#include "database/StorableValue.h"
 
 namespace check {
 
@@ -56,8 +58,8 @@ class EntryReader {
     for (std::size_t start = 0; start < text.size();) {
       const std::size_t end = std::min(text.find('\n', start), text.size());
       ++line_;
-      if (end > start) {
-        readLine(text.substr(start, end - start));
+      if (!readLine(text.substr(start, end - start))) {
+        break;
       }
       start = end + 1;
     }
@@ -87,13 +89,16 @@ class EntryReader {
     return true;
   }
 
-  void readLine(const std::string& line) {
-    if (line.find_first_not_of(" \t\r") == std::string::npos) {
-      error(std::string("the line holds blanks or a carriage return alone and is no JSON object") +
-            kEndsStart + ": leave it empty");
-      return;
+  /// Returns whether the daemon reads on after this line.
+  bool readLine(const std::string& line) {
+    if (propertyservice::isBlankLine(line)) {
+      return true;
     }
     const JsonReading reading = readJson(line);
+    if (reading.tooDeep) {
+      error("is nested too deeply to be read: this line and those after it are left out");
+      return false;
+    }
     const bool hasKey = reading.value.isObject() && !keyOf(reading.value).empty();
     for (const JsonProblem& problem : reading.problems) {
       error(problem.text + (reading.valid ? ""
@@ -105,6 +110,7 @@ class EntryReader {
     } else if (reading.valid) {
       error(std::string("is no JSON object") + kEndsStart);
     }
+    return true;
   }
 
   static std::string keyOf(const Json::Value& object) {
@@ -178,6 +184,10 @@ class EntryReader {
     const bool limited = name == column::kValue || name == column::kDefaultValues;
     if (limited && charactersIn(value.asString()) > kLongestValue) {
       error(member + " has more than 256 characters: the table refuses it" + kEndsStart);
+      return false;
+    }
+    if (limited && !propertyservice::isStorable(value)) {
+      error(member + " is not UTF-8 text without a NUL: the table cannot hold it" + kEndsStart);
       return false;
     }
     return true;
@@ -310,6 +320,36 @@ bool isCommon(const Source& source) {
   return source.name() == kCommonFile;
 }
 
+/// Warns of what a model's file sets to something else than the file for all devices: a reader of that file
+/// alone is misled.
+void compareWithCommon(const Source& source, const std::vector<Entry>& entries,
+                       const std::vector<Entry>& common, Findings& findings) {
+  std::map<std::pair<std::string, std::string>, std::pair<std::string, std::size_t>> commonTexts;
+  const auto forEachColumn = [](const Entry& entry, const auto& visit) {
+    for (const auto& [name, value] : entry.property.members()) {
+      if (name != column::kKey && isAmong(name, column::kAll) && !value.isNull()) {
+        visit(std::pair(entry.property.text(column::kKey), name), value.asString());
+      }
+    }
+  };
+  for (const Entry& entry : common) {
+    forEachColumn(entry, [&](const auto& place, const std::string& text) {
+      commonTexts[place] = {text, entry.line};
+    });
+  }
+  for (const Entry& entry : entries) {
+    forEachColumn(entry, [&](const auto& place, const std::string& text) {
+      const auto set = commonTexts.find(place);
+      if (set != commonTexts.end() && set->second.first != text) {
+        findings.warning(source, entry.line,
+                         inQuotes(place.first) + ": " + inQuotes(place.second) + " is " +
+                             inQuotes(set->second.first) + " on line " + std::to_string(set->second.second) +
+                             " of " + kCommonFile + ": this file wins");
+      }
+    });
+  }
+}
+
 void checkName(const Source& source, Findings& findings) {
   const std::string name = source.name();
   if (isCommon(source)) {
@@ -347,10 +387,16 @@ void checkCustomizations(const std::vector<const Source*>& sources, const Script
     checkName(*source, findings);
     files.emplace_back(source, EntryReader(*source, findings).read());
   }
+  const auto models = std::stable_partition(files.begin(), files.end(),
+                                            [](const auto& file) { return isCommon(*file.first); });
+  for (auto common = files.begin(); common != models; ++common) {
+    for (auto model = models; model != files.end(); ++model) {
+      compareWithCommon(*model->first, model->second, common->second, findings);
+    }
+  }
   if (script == nullptr || !script->readable) {
     return;
   }
-  std::stable_partition(files.begin(), files.end(), [](const auto& file) { return isCommon(*file.first); });
   for (const auto& [source, entries] : files) {
     try {
       apply(*script, *source, entries, findings);

@@ -91,6 +91,7 @@ JsonReading readJson(const std::string& text) {
     reading.valid = reader.parse(text, reading.value, false);
   } catch (const Json::Exception&) {
     reading.value = Json::Value();
+    reading.tooDeep = true;
     reading.problems.push_back({0, "is nested too deeply to be read"});
     return reading;
   }

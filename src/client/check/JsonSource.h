@@ -17,6 +17,7 @@ struct JsonReading {
   Json::Value value;   ///< As far as it could be read; every value in it knows its offset.
   bool valid = false;  ///< A whole JSON value stands at the beginning of the text.
   bool alone = false;  ///< Nothing but blanks and comments stands behind it.
+  bool tooDeep = false;
 
   /// Why it is not valid or alone, and members that stand twice in an object.
   std::vector<JsonProblem> problems;

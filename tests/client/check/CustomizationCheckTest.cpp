@@ -88,9 +88,7 @@ INSTANTIATE_TEST_SUITE_P(
     Lines, CustomizationLineTest,
     testing::Values(
         Case{"noJson", "WebUI.Brand=X", 2, kError, "is no JSON"},
-        Case{"blanks", "  ", 2, kError, "leave it empty"},
-        Case{"carriageReturn", "\r", 2, kError, "leave it empty"},
-        Case{"comment", "// nothing", 2, kError, "is no JSON"},
+        Case{"unfinishedComment", "/* nothing", 2, kError, "is no JSON"},
         Case{"byteOrderMark", "\xef\xbb\xbf{\"key\":\"Audio.Volume\",\"value\":\"5\"}", 2, kError,
              "byte order mark"},
         Case{"array", "[]", 2, kError, "is no JSON object"},
@@ -103,7 +101,8 @@ INSTANTIATE_TEST_SUITE_P(
              kError, "what stands behind the first JSON value is ignored"},
         Case{"memberTwice", R"({"key":"Audio.Volume","value":"6","value":"7"})", 2, kError,
              R"(the member "value" stands twice)"},
-        Case{"deepNesting", std::string(1500, '['), 2, kError, "nested too deeply"},
+        Case{"deepNesting", std::string(1500, '['), 2, kError,
+             "nested too deeply to be read: this line and those after it are left out"},
         Case{"withoutKey", R"({"value":"6"})", 2, kError, R"(has no "key")"},
         Case{"keyThatIsNoText", R"({"key":5,"value":"6"})", 2, kError, R"(has no "key")"},
         Case{"emptyKey", R"({"key":"","value":"6"})", 2, kError, R"(has no "key")"},
@@ -120,6 +119,10 @@ INSTANTIATE_TEST_SUITE_P(
              R"(it is stored as "true")"},
         Case{"overlongValue", "{\"key\":\"WebUI.Brand\",\"defaultvalues\":\"" + std::string(257, 'v') + "\"}",
              2, kError, "more than 256 characters"},
+        Case{"valueWithANul", R"({"key":"WebUI.Brand","defaultvalues":"a\u0000b"})", 2, kError,
+             "the table cannot hold it"},
+        Case{"valueThatIsNotUtf8", "{\"key\":\"WebUI.Brand\",\"defaultvalues\":\"\xff\"}", 2, kError,
+             "the table cannot hold it"},
         Case{"flagsThatAreNoNumber", R"({"key":"Audio.Volume","flags":"user"})", 2, kError, "is no integer"},
         Case{"flagsAsText", R"({"key":"Audio.Volume","flags":"6"})", 2, kWarning, "counts as 6"},
         Case{"hugeFlags", R"({"key":"Audio.Volume","flags":99999999999999999999})", 2, kWarning,
@@ -192,6 +195,35 @@ INSTANTIATE_TEST_SUITE_P(Forms, WholeDocumentTest,
                                          Case{"array", "[\n{\"key\":\"A.B\",\"value\":\"6\"}\n]\n", 1, kError,
                                               "is one JSON array"}),
                          nameOf);
+
+TEST_F(CustomizationCheckTest, isSilentAboutBlankLines) {
+  add("nvminit.sql", kScript);
+  add("Update.Common.json",
+      "  \n\r\n// ours\n{\"key\":\"Audio.Volume\",\"value\":\"7\"}\r\n\t/* a */ // b\r\n\n");
+
+  EXPECT_THAT(findings(), IsEmpty());
+}
+
+TEST_F(CustomizationCheckTest, readsNothingAfterALineThatIsNestedTooDeeply) {
+  add("nvminit.sql", kScript);
+  add("Update.Common.json", std::string(1500, '[') + "\nno json\n{\"key\":\"Unknown\",\"value\":\"1\"}\n");
+
+  EXPECT_THAT(findings(), ElementsAre(IsFinding(1U, kError, "nested too deeply")));
+}
+
+TEST_F(CustomizationCheckTest, warnsWhenTwoFilesSetAKeyDifferently) {
+  add("Update.Common.json",
+      "{\"key\":\"WebUI.Brand\",\"value\":\"X\",\"flags\":7}\n"
+      "{\"key\":\"Audio.Volume\",\"value\":\"7\"}\n");
+  add("Update. 5.json",
+      "{\"key\":\"Audio.Volume\",\"value\":7}\n{\"key\":\"WebUI.Brand\",\"value\":\"Y\",\"flags\":7}\n");
+  add("Update. 7.json", R"({"key":"WebUI.Brand","value":"Z"})");
+
+  EXPECT_THAT(
+      findings(),
+      ElementsAre(IsFinding(2U, kWarning, R"("WebUI.Brand": "value" is "X" on line 1 of Update.Common.json)"),
+                  IsFinding(1U, kWarning, R"(is "X" on line 1 of Update.Common.json: this file wins)")));
+}
 
 TEST_F(CustomizationCheckTest, letsTheModelsFileWin) {
   add("nvminit.sql", kScript);
