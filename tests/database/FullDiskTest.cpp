@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
+#include <random>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -31,8 +32,8 @@ using test::TemporaryDirectory;
 /// A small file system of the test's own. Needs a mount namespace.
 class SmallDisk {
  public:
-  SmallDisk() {
-    if (mount("small", directory_.path().c_str(), "tmpfs", 0, "size=4m") != 0) {
+  explicit SmallDisk(const std::string& size = "4m") {
+    if (mount("small", directory_.path().c_str(), "tmpfs", 0, ("size=" + size).c_str()) != 0) {
       throw std::runtime_error("cannot mount a file system");
     }
   }
@@ -264,6 +265,106 @@ TEST_F(FullVolatileDiskTest, keepsWhatWasWrittenBeforeTheFailure) {
   Property found({{"key", "State.A"}});
   storage->get(found);
   EXPECT_EQ(found.text("value"), "x");
+}
+
+TEST_F(FullVolatileDiskTest, isMadeAnewWhenItsDiskIsTooFullToOpenIt) {
+  for (int number = 0; number < 400; ++number) {
+    Property property = state(number);
+    storage->set(property);
+  }
+  storage.reset();
+  disk.fill();
+  LogCapture log;
+
+  storage.emplace(path);
+
+  EXPECT_EQ(
+      log.linesWith("Volatile database is removed and made anew: " + path + " Error: IO error: ").size(), 1U);
+  Property property({{"key", "State.A"}, {"value", "x"}});
+  storage->set(property);
+  EXPECT_EQ(property.status(), Status::Changed);
+}
+
+TEST_F(FullVolatileDiskTest, cannotBeMadeWhereOthersHaveFilledTheDisk) {
+  storage.reset();
+  std::filesystem::remove_all(path);
+  disk.fill();
+  LogCapture silent;
+
+  EXPECT_THROW(storage.emplace(path), VolatileStorageException);
+  disk.free();
+  EXPECT_NO_THROW(storage.emplace(path));
+}
+
+/// A store that clients keep as full as they can, on the disk of a telephone.
+class BusyVolatileStorageTest : public testing::Test {
+ protected:
+  using Storage = VolatileStorage<leveldb::DB>;
+
+  /// Writes text that cannot be compressed.
+  Status set(const std::string& key, std::size_t bytes) {
+    std::string text(bytes, ' ');
+    for (char& character : text) {
+      character = static_cast<char>(random_());
+    }
+    Property property({{"key", key}, {"value", text}});
+    storage.set(property);
+    return property.status();
+  }
+
+  Status reset(const std::string& key) {
+    Property property({{"key", key}});
+    storage.reset(property);
+    return property.status();
+  }
+
+  static std::string key(std::size_t number) { return "State." + std::to_string(1'000'000 + number); }
+
+  const SmallDisk disk_{"24m"};
+  std::mt19937 random_{20261121};
+  Storage storage{disk_.path("stateCache")};
+};
+
+TEST_F(BusyVolatileStorageTest, fitsOnItsDiskHoweverOftenItIsRewritten) {
+  for (const std::size_t bytes : {60'000U, 1'000U}) {
+    const std::size_t keys = 4'000'000 / (bytes + 20);
+    for (std::size_t write = 0; write < 100'000'000 / bytes; ++write) {
+      ASSERT_EQ(set(key(random_() % keys), bytes), Status::Changed) << write << " of " << bytes;
+    }
+    for (std::size_t number = 0; number < keys; ++number) {
+      reset(key(number));
+    }
+  }
+}
+
+TEST_F(BusyVolatileStorageTest, fitsOnItsDiskHoweverOftenItIsEmptied) {
+  for (const std::size_t bytes : {60'000U, 1'000U}) {
+    const std::size_t keys = 4'000'000 / (bytes + 20);
+    for (std::size_t first = 0; first < 20 * keys; first += keys) {
+      for (std::size_t number = first; number < first + keys; ++number) {
+        ASSERT_EQ(set(key(number), bytes), Status::Changed) << number << " of " << bytes;
+      }
+      for (std::size_t number = first; number < first + keys; ++number) {
+        ASSERT_EQ(reset(key(number)), Status::Changed) << number << " of " << bytes;
+      }
+    }
+  }
+}
+
+TEST_F(BusyVolatileStorageTest, fitsOnItsDiskWithAsManyKeysAsItTakes) {
+  LogCapture silent;
+  std::size_t keys = 0;
+  while (set(key(keys), 0) == Status::Changed) {
+    ++keys;
+  }
+
+  EXPECT_EQ(keys, (4U << 20) / key(0).size());
+  for (std::size_t number = 0; number < keys; ++number) {
+    ASSERT_EQ(reset(key(number)), Status::Changed) << number;
+  }
+  for (std::size_t number = 0; number < keys; ++number) {
+    ASSERT_EQ(set(key(number), 0), Status::Changed) << number;
+  }
 }
 
 TEST_F(FullVolatileDiskTest, reportsAFailedRemoval) {
