@@ -114,6 +114,101 @@ TEST(DiskFaults, aDiskThatIsReadOnlyForATimeLosesNoAcceptedWrite) {
   device.stop();
 }
 
+TEST(DiskFaults, aStartThatChangesNothingNeedsNoDiskToWriteTo) {
+  Device device;
+  Device::writeFile(
+      "/etc/nvm.conf.d/Update.Common.json",
+      "{\"key\":\"Audio.Ringtone\",\"value\":\"common\",\"flags\":7}\n"
+      "{\"key\":\"Audio.Volume\",\"value\":\"1\"}\n{\"key\":\"Audio.Volume\",\"value\":\"2\"}\n");
+  Device::writeFile("/etc/nvm.conf.d/Update. 5.json", R"({"key":"Audio.Ringtone","value":"model"})");
+  SmallDisk disk;
+  device.start();
+  device.stop();
+  const auto expectToStart = [&device] {
+    device.start();
+    EXPECT_EQ(device.getValue("Audio.Ringtone"), "model");
+    EXPECT_EQ(device.getValue("Audio.Volume"), "2");
+    EXPECT_TRUE(device.logLines(" error ").empty()) << device.log();
+    device.stop();
+  };
+
+  disk.fill();
+  expectToStart();
+  disk.free();
+  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  expectToStart();
+  EXPECT_EQ(device.runToEnd({"--force-db-init"}), 1);
+  EXPECT_EQ(device.logLines("Cannot make /usr/sbin/nvm.unfinished: Read-only file system").size(), 1U);
+}
+
+TEST(DiskFaults, aFirstStartOnAFullDiskIsMadeGoodByTheNext) {
+  Device device;
+  SmallDisk disk;
+  disk.fill();
+  EXPECT_EQ(device.runToEnd({}), 1);
+  EXPECT_EQ(device.logLines("database or disk is full").size(), 1U) << device.log();
+
+  disk.free();
+  device.start();
+
+  EXPECT_EQ(device.getValue("Audio.Codec"), "opus");
+  device.stop();
+}
+
+/// The volatile disk of a telephone.
+class VolatileDisk {
+ public:
+  VolatileDisk() {
+    if (mount("volatile", "/var/volatile", "tmpfs", 0, "size=24m") != 0) {
+      throw std::runtime_error("cannot mount a volatile disk");
+    }
+  }
+  VolatileDisk(const VolatileDisk&) = delete;
+  VolatileDisk& operator=(const VolatileDisk&) = delete;
+  ~VolatileDisk() { umount2("/var/volatile", MNT_DETACH); }
+};
+
+TEST(DiskFaults, hugeStateFillsNoDisk) {
+  Device device;
+  VolatileDisk disk;
+  device.start();
+
+  for (int i = 0; i < 36; ++i) {
+    const std::string key = "State.Huge" + std::to_string(i);
+    EXPECT_EQ(device.set(key, std::string(600'000, 'x'))["status"], "ValueError");
+    EXPECT_EQ(device.set(key, std::string(60'000, 'x'))["status"], "Ok");
+  }
+  EXPECT_EQ(device.set("State.Call.Active", "yes")["status"], "Ok");
+  EXPECT_EQ(device.panel().request(makeRequest("resetVal", "State.Huge0"))["status"], "Ok");
+  device.restart();
+  EXPECT_EQ(device.getValue("State.Call.Active"), "yes");
+  device.stop();
+}
+
+TEST(DiskFaults, stateThatHasNoRoomToBeOpenedIsMadeAnew) {
+  Device device;
+  VolatileDisk disk;
+  device.start();
+  for (int i = 0; i < 60; ++i) {
+    device.set("State.Large" + std::to_string(i), std::string(60'000, static_cast<char>('a' + i % 26)));
+  }
+  device.stop();
+  {
+    std::ofstream filler("/var/volatile/filler", std::ios::binary);
+    while (filler.write(std::string(4096, 'x').data(), 4096).flush()) {
+    }
+  }
+
+  device.start();
+
+  EXPECT_EQ(device.logLines("Volatile database is removed and made anew: ").size(), 1U);
+  EXPECT_EQ(device.set("State.Call.Active", "yes")["status"], "Ok");
+  std::filesystem::remove("/var/volatile/filler");
+  device.restart();
+  EXPECT_EQ(device.getValue("State.Call.Active"), "yes");
+  device.stop();
+}
+
 TEST(DiskFaults, aRemovedDatabaseFileIsWrittenAnewWithEverythingInIt) {
   Device device;
   device.start();
@@ -145,7 +240,10 @@ TEST(DiskFaults, aFullVolatileDiskIsReportedAndPasses) {
   }
 
   // Fails at the latest when the page that LevelDB's log has left is used up.
-  device.panel().sendRequest(makeRequest("setV", "State.Large", std::string(100'000, 'x')));
+  for (int i = 0; i < 10; ++i) {
+    device.panel().sendRequest(
+        makeRequest("setV", "State.Large" + std::to_string(i), std::string(60'000, 'x')));
+  }
   ASSERT_TRUE(device.waitForLog("Value is not inserted: ("));
   EXPECT_EQ(device.getValue("Audio.Codec"), "opus");
   std::filesystem::remove(filler);

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <sys/stat.h>
 
 #include "support/Device.h"
 
@@ -79,6 +81,100 @@ TEST(StartUp, endsWithOneErrorLineAtAnUnknownOption) {
   EXPECT_EQ(device.logLines("").size(), 1U);
   EXPECT_NE(device.log().find("reset-everything"), std::string::npos);
   EXPECT_FALSE(Device::exists(Device::kDatabase));
+}
+
+TEST(StartUp, keepsASecondDaemonOffTheStores) {
+  Device device;
+  device.start();
+  device.set("Audio.Volume", "9");
+  device.set("State.Call.Active", "yes");
+  ASSERT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
+  const std::vector<std::string> ownNamespace = {
+      "unshare",
+      "--mount",
+      "--propagation",
+      "unchanged",
+      "sh",
+      "-c",
+      "mount --bind /usr/sbin /usr/sbin && mount --bind /var/volatile /var/volatile && exec \"$0\" \"$@\""};
+
+  for (const auto& wrapper : {std::vector<std::string>(), ownNamespace}) {
+    for (const auto& options : std::vector<std::vector<std::string>>{
+             {}, {"--drop-state"}, {"--force-db-init"}, {"--drop-state", "--force-db-init"}}) {
+      const auto [status, log] = device.runBeside(options, wrapper);
+
+      EXPECT_EQ(status, 1);
+      EXPECT_THAT(log, testing::HasSubstr("Another process uses the stores"));
+      EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
+    }
+  }
+
+  EXPECT_EQ(device.getValue("State.Call.Active"), "yes");
+  device.daemon().kill();
+  device.start();
+  EXPECT_EQ(device.getValue("State.Call.Active"), "yes");
+  EXPECT_EQ(device.getValue("Audio.Volume"), "9");
+}
+
+TEST(StartUp, keepsASecondDaemonOffWhileTheFirstMakesItsDatabase) {
+  Device device;
+  Device::writeFile(Device::kScript, ".shell sleep 2\n" + Device::readFile(Device::kScript));
+  device.launch();
+  ASSERT_TRUE(eventually([] { return Device::exists(Device::kDatabase); }));
+
+  EXPECT_EQ(device.runBeside({"--drop-state"}).first, 1);
+
+  EXPECT_TRUE(eventually([&] { return device.panel().serviceIsAlive(std::chrono::milliseconds(200)); }));
+}
+
+TEST(StartUp, showsAMistakeInTheScript) {
+  Device device;
+  std::string script = Device::readFile(Device::kScript);
+  script.erase(script.find(",'opus'"), 1);
+  Device::writeFile(Device::kScript, script);
+
+  device.start();
+
+  EXPECT_EQ(device.logLines(" error ").size(), 1U);
+  EXPECT_EQ(
+      device.logLines("The shell ended with status 1 on /etc/propsrv.d/nvminit.sql: Parse error near line ")
+          .size(),
+      1U);
+  EXPECT_EQ(device.getValue("Audio.Volume"), "5");
+}
+
+TEST(StartUp, makesFilesForItsOwnUserAlone) {
+  const mode_t before = umask(0);
+  Device device;
+
+  device.start();
+  device.set("State.Call.Active", "yes");
+  device.request("makeBackup");
+  umask(before);
+
+  for (const char* const place : {Device::kDatabase, Device::kStateStore, Device::kUserBackup}) {
+    EXPECT_EQ(std::filesystem::status(place).permissions() & std::filesystem::perms(077),
+              std::filesystem::perms::none)
+        << place;
+  }
+}
+
+TEST(StartUp, makesADamagedVolatileStoreAnew) {
+  Device device;
+  device.start();
+  device.set("State.Call.Active", "yes");
+  device.stop();
+  Device::writeFile(std::string(Device::kStateStore) + "/CURRENT", "garbage");
+
+  device.start();
+
+  EXPECT_EQ(device.logLines(" error ").size(), 1U);
+  EXPECT_EQ(
+      device.logLines("Volatile database is removed and made anew: /var/volatile/stateCache Error: ").size(),
+      1U);
+  EXPECT_EQ(device.set("State.Call.Active", "no")["status"], "Ok");
+  device.restart();
+  EXPECT_EQ(device.getValue("State.Call.Active"), "no");
 }
 
 TEST(StartUp, looksForNoBrokerAfterAnUnknownOption) {
@@ -227,6 +323,20 @@ TEST(StartUp, appliesTheCommonThenTheModelCustomisation) {
 
   EXPECT_EQ(device.getValue("Audio.Volume"), "7");
   EXPECT_EQ(device.getValue("Audio.Codec"), "g711");
+}
+
+TEST(StartUp, namesTheCustomisationThatEndsIt) {
+  Device device;
+  Device::writeFile(
+      "/etc/nvm.conf.d/Update.Common.json",
+      "// ours\r\n "
+      "\r\n{\"key\":\"Audio.Volume\",\"value\":\"7\"}\r\n{\"key\":\"Audio.Volune\",\"value\":\"7\"}\n");
+
+  EXPECT_EQ(device.runToEnd({}), 1);
+
+  EXPECT_EQ(
+      device.logLines("/etc/nvm.conf.d/Update.Common.json:4: \"Audio.Volune\": Parameter not found").size(),
+      1U);
 }
 
 TEST(StartUp, goesOnWithoutCustomisationFiles) {

@@ -50,7 +50,8 @@ Device::Device(const std::vector<Row>& rows, const std::string& brokerConfigurat
     throw std::runtime_error("a device needs its own mount namespace: run this inside script/sandbox");
   }
   std::error_code ignored;  // "/config" is a mount point: only what it holds goes
-  for (const char* place : {kDatabase, kStateStore, "/config", "/etc/nvm.conf.d", "/etc/ipc"}) {
+  for (const char* place :
+       {kDatabase, "/usr/sbin/nvm.unfinished", kStateStore, "/config", "/etc/nvm.conf.d", "/etc/ipc"}) {
     std::filesystem::remove_all(place, ignored);
   }
   std::filesystem::create_directory("/config");
@@ -136,6 +137,15 @@ void Device::restart(const std::vector<std::string>& options) {
 std::optional<int> Device::runToEnd(const std::vector<std::string>& options) {
   launch(options);
   return daemon_->wait();
+}
+
+std::pair<std::optional<int>, std::string> Device::runBeside(const std::vector<std::string>& options,
+                                                             std::vector<std::string> wrapper) const {
+  wrapper.emplace_back(PROPERTYSERVICE_BINARY);
+  wrapper.insert(wrapper.end(), options.begin(), options.end());
+  Process second(wrapper, directory_.path("log of the second"));
+  const std::optional<int> status = second.wait();
+  return {status, second.output()};
 }
 
 BusClient& Device::panel() {

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/Broker.h"
@@ -62,6 +63,11 @@ class Device {
   void restart(const std::vector<std::string>& options = {});
   /// Runs the daemon to its own end; the exit status.
   std::optional<int> runToEnd(const std::vector<std::string>& options);
+
+  /// Runs a second daemon beside the one that runs, to its own end: its exit status and what it logged.
+  /// `wrapper` is a command that the daemon's command line is added to.
+  std::pair<std::optional<int>, std::string> runBeside(const std::vector<std::string>& options,
+                                                       std::vector<std::string> wrapper = {}) const;
 
   Process& daemon() { return *daemon_; }
   Broker& broker() { return broker_; }
