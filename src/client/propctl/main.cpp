@@ -248,7 +248,7 @@ class CommandLine {
 
   void addWrites() {
     CLI::App* verb = addVerb("set", "Write values");
-    addNames(verb, "KEY=VALUE", names_, "Assignments, or KEY VALUE")->required();
+    addNames(verb, "ASSIGNMENT", names_, "KEY=VALUE, or KEY VALUE")->required();
     addField(verb, "What names are [key]");
     onSession(verb, [this](Session& session) { return set(session, assignments_, field_); },
               {.arguments = [this] { assignments_ = toAssignments(names_); }});

@@ -37,7 +37,7 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"get", "NAME is required"},
         Misuse{"get --colour x", "The following argument was not expected"},
         Misuse{"get --by tr069 x", "--by: tr069 not in {key,web,provisioning}"},
-        Misuse{"get --by", "--by: 1 required"}, Misuse{"set", "KEY=VALUE is required"},
+        Misuse{"get --by", "--by: 1 required"}, Misuse{"set", "ASSIGNMENT is required"},
         Misuse{"set =5", "KEY=VALUE expected"}, Misuse{"set Audio.Volume", "KEY=VALUE expected"},
         Misuse{"set Audio.Ringtone -x",
                "The following argument was not expected: -x; in front of a value that begins with - put --"},
