@@ -33,8 +33,8 @@ macro(project_package component name section summary)
 
   set(PACKAGE_NAME ${name})
   configure_file(packaging/changelog.in ${PROJECT_BINARY_DIR}/packaging/${component}/changelog @ONLY)
-  install_compressed(${PROJECT_BINARY_DIR}/packaging/${component}/changelog ${component}
-                     ${CMAKE_INSTALL_DATADIR}/doc/${name})
+  install_document(${PROJECT_BINARY_DIR}/packaging/${component}/changelog ${component}
+                   ${CMAKE_INSTALL_DATADIR}/doc/${name})
   install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
   if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/${component}/lintian-overrides)
     install(FILES packaging/${component}/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
