@@ -121,7 +121,8 @@ TEST(Shutdown, byKillLeavesAWholeDatabaseAndAStartThatWorks) {
                 .getString(),
             "ok");
   device.start();
-  EXPECT_EQ(device.getValue("Audio.Codec"), "opus");
+  // A request that was under way is served twice, so the client that sent the burst cannot ask.
+  EXPECT_EQ(BusClient("observer").request(makeRequest("getV", "Audio.Codec"))["result"], "opus");
 }
 
 }  // namespace

@@ -35,8 +35,8 @@ struct Row {
 /// daemon that was never started.
 class Device {
  public:
-  /// For everybody. By default the broker drops requests when 1000 are outstanding.
-  static constexpr const char* kOpenBroker = "allow_anonymous true\nmax_queued_messages 20000\n";
+  /// For everybody. By default the broker drops what waits for a client beyond 1000 messages.
+  static constexpr const char* kOpenBroker = "allow_anonymous true\nmax_queued_messages 200000\n";
 
   static constexpr const char* kDatabase = "/usr/sbin/nvm";
   static constexpr const char* kScript = "/etc/propsrv.d/nvminit.sql";
