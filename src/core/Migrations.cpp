@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <exception>
+#include <limits>
+#include <stdexcept>
 
 #include <json/value.h>
 
@@ -15,8 +17,15 @@ namespace propertyservice {
 
 namespace {
 
+/// A number that is too large is beyond every migration.
 int toVersion(const std::string& text) {
-  return text.empty() ? 0 : toInteger(text);
+  try {
+    return toInteger(text);
+  } catch (const std::invalid_argument&) {
+    return 0;
+  } catch (const std::out_of_range&) {
+    return std::numeric_limits<int>::max();
+  }
 }
 
 }  // namespace

@@ -30,8 +30,7 @@ class Migrations {
  public:
   /// Loads the steps after `backupVersion` up to `currentVersion` from `directory` (which ends in "/"); none
   /// when the backup is not older. The first file that is missing or unusable is logged as an error and ends
-  /// the loading; the steps before it stay. An empty version is version 0. Throws as `toInteger` does for a
-  /// version that is no number.
+  /// the loading; the steps before it stay. A version that does not begin with a number is version 0.
   Migrations(const std::string& backupVersion, const std::string& currentVersion,
              const std::string& directory);
 

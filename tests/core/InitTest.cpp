@@ -549,7 +549,7 @@ TEST_F(InitTest, finishesOnlyTheVersionChangeOfTwoPendingRestores) {
 }
 
 TEST_F(InitTest, comesUpAfterAVersionChangeThatFailed) {
-  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:abc\n");
+  std::filesystem::create_directory(directory_.path("sys_backup.csv"));
   LogCapture log;
 
   start();
@@ -560,9 +560,10 @@ TEST_F(InitTest, comesUpAfterAVersionChangeThatFailed) {
 }
 
 TEST_F(InitTest, triesAFailedVersionChangeAgainAtTheNextStart) {
-  directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:abc\n");
+  std::filesystem::create_directory(directory_.path("sys_backup.csv"));
   LogCapture log;
   start();
+  std::filesystem::remove(directory_.path("sys_backup.csv"));
   directory_.write("sys_backup.csv", "A;saved\nDatabaseVersion:17\n");
 
   start();

@@ -215,10 +215,31 @@ TEST_F(MigrationsTest, ignoresWhatFollowsTheDigitsOfAVersion) {
   EXPECT_THAT(keys(properties), ElementsAre("B"));
 }
 
-TEST_F(MigrationsTest, throwsForAVersionThatIsNoNumber) {
-  EXPECT_THROW(load("abc", "5"), std::invalid_argument);
-  EXPECT_THROW(load("4", "abc"), std::invalid_argument);
-  EXPECT_THROW(load("4", "99999999999"), std::out_of_range);
+TEST_F(MigrationsTest, takesAVersionWithoutDigitsForZero) {
+  addStep(1, {{"A", "B"}});
+
+  for (const char* version : {"none", " none\n", "-", "\n", ""}) {
+    SCOPED_TRACE(version);
+    std::vector<Property> renamed = entries({"A"});
+    std::vector<Property> kept = entries({"A"});
+
+    load(version, "1").apply(renamed);
+    load("1", version).apply(kept);
+
+    EXPECT_THAT(keys(renamed), ElementsAre("B"));
+    EXPECT_THAT(keys(kept), ElementsAre("A"));
+  }
+}
+
+TEST_F(MigrationsTest, hasNoStepFromAVersionThatIsTooLarge) {
+  addStep(1, {{"A", "B"}});
+  std::vector<Property> properties = entries({"A"});
+  LogCapture log;
+
+  load("99999999999", "1").apply(properties);
+
+  EXPECT_THAT(keys(properties), ElementsAre("A"));
+  EXPECT_EQ(log.text(), "");
 }
 
 TEST_F(MigrationsTest, stopsLoadingAtAGapAndKeepsTheStepsBeforeIt) {
