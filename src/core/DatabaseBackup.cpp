@@ -1,11 +1,14 @@
 #include "core/DatabaseBackup.h"
 
+#include <chrono>
 #include <exception>
+#include <stdexcept>
 #include <thread>
 
 #include "common/Execute.h"
 #include "common/FileSystem.h"
 #include "core/BackupFile.h"
+#include "core/BackupPlace.h"
 #include "core/Constants.h"
 #include "core/Log.h"
 #include "core/Migrations.h"
@@ -31,6 +34,33 @@ constexpr std::string_view kKeyAndValue = "key,value";
 constexpr std::string_view kEveryColumn = "*";
 
 constexpr unsigned kCommandTimeoutMs = 10'000;
+constexpr std::chrono::seconds kWriterTimeout(15);
+
+/// Ignores how the command ended, which the shell does not tell: looking at the file does.
+void run(const std::string& command) {
+  if (const os::ExecuteResult result = os::execute(command, kCommandTimeoutMs); !result.output.empty()) {
+    logger().warning() << "Writing a backup: " << excerpt(result.output);
+  }
+}
+
+/// Whether there is something to restore. A place in disorder counts: the restore reports it.
+bool exists(const std::string& path) {
+  try {
+    const BackupPlace place(path);
+  } catch (const std::exception&) {
+    return true;
+  }
+  return filesystem::checkFileExists(path);
+}
+
+void warnOfLineBreaks(const std::vector<Property>& properties) {
+  for (const Property& property : properties) {
+    if (property.text(column::kValue).find('\n') != std::string::npos) {
+      logger().warning() << "Value with a line break cannot be read back from a backup: "
+                         << property.text(column::kKey);
+    }
+  }
+}
 
 }  // namespace
 
@@ -70,18 +100,28 @@ void DatabaseBackup::restoreFactoryReset() {
 }
 
 bool DatabaseBackup::versionChangeBackupExists() {
-  return filesystem::checkFileExists(backupPath(kVersionChangeBackup));
+  return exists(backupPath(kVersionChangeBackup));
 }
 
 bool DatabaseBackup::factoryResetBackupExists() {
-  return filesystem::checkFileExists(backupPath(kFactoryResetBackup));
+  return exists(backupPath(kFactoryResetBackup));
 }
 
 Status DatabaseBackup::exportSettings(std::uint8_t mask, const std::string& path, std::string_view columns) {
   try {
+    BackupPlace place(path);
     waitForWriter();
-    os::execute(exportCommand(paths_.database, columns, mask, path), kCommandTimeoutMs);
-    appendDatabaseVersion(path);
+    const std::string version = getDatabaseVersion();
+    const std::vector<Property> settings = settingsWith(mask);
+
+    place.beginReplacing();
+    run(exportCommand(paths_.database, columns, mask, path));
+    if (!version.empty()) {
+      run(stampCommand(version, path));
+    }
+    requireWhole(filesystem::read(path), settings, !version.empty());
+    place.finishReplacing();
+    warnOfLineBreaks(settings);
     return Status::Ok;
   } catch (const std::exception& error) {
     logger().warning() << error.what();
@@ -90,15 +130,19 @@ Status DatabaseBackup::exportSettings(std::uint8_t mask, const std::string& path
   }
 }
 
-void DatabaseBackup::appendDatabaseVersion(const std::string& path) {
-  const std::string version = getDatabaseVersion();
-  if (!version.empty()) {
-    os::execute(stampCommand(version, path), kCommandTimeoutMs);
-  }
+std::vector<Property> DatabaseBackup::settingsWith(std::uint8_t mask) {
+  const std::vector<std::string> columns = {std::string(column::kKey), std::string(column::kValue),
+                                            std::string(column::kFlags)};
+  std::vector<Property> settings = database_->getMultiple(std::string(kSqlWildcard), columns, "");
+  std::erase_if(settings, [mask](const Property& setting) {
+    return (setting.member(column::kFlags).asInt64() & mask) == 0;
+  });
+  return settings;
 }
 
 Status DatabaseBackup::restoreFromFile(const std::string& path, const RestoredCallback& restored) {
   try {
+    BackupPlace place(path);
     BackupFile backup = parseBackupFile(path);
     Migrations(backup.version, getDatabaseVersion(), paths_.migrations).apply(backup.properties);
     database_->setMultiple(backup.properties);
@@ -108,9 +152,7 @@ Status DatabaseBackup::restoreFromFile(const std::string& path, const RestoredCa
 
     // Until the database file has them, the backup holds the only lasting copy of the values.
     waitForWriter();
-    if (!filesystem::remove(path)) {
-      logger().warning() << "Cannot remove " << path;
-    }
+    place.clear();
     return Status::Ok;
   } catch (const std::exception& error) {
     logger().warning() << error.what();
@@ -125,9 +167,13 @@ std::string DatabaseBackup::getDatabaseVersion() {
   return version.text(column::kValue);
 }
 
-/// Without sleeping: a batch takes the worker a few milliseconds. The service sees to it that the wait ends.
+/// Without sleeping: a batch takes the worker a few milliseconds.
 void DatabaseBackup::waitForWriter() {
+  const auto deadline = std::chrono::steady_clock::now() + kWriterTimeout;
   while (!database_->isWriterIdle()) {
+    if (database_->isWriterFailing() || std::chrono::steady_clock::now() > deadline) {
+      throw std::runtime_error("The database file does not take the accepted writes");
+    }
     std::this_thread::yield();
   }
 }

@@ -14,9 +14,10 @@ namespace propertyservice {
 /// Backups as text files, written by the sqlite3 shell and read back through the database service, so that
 /// every value restored passes the validators.
 ///
-/// An export sees every write that was accepted before it. A restore removes its file only once the database
-/// file has the values; a power cut before that has it restored again. Neither waits for a database file that
-/// cannot be written.
+/// An export answers "Ok" when its file holds every write that was accepted before it and outlives a power
+/// cut; otherwise the file that it was to replace is still there. A restore answers "Ok" when the database
+/// file holds every value, also after a power cut, and then alone removes its file. Neither waits for a
+/// database file that cannot be written: both end with an error, at the latest after 15 s.
 class DatabaseBackup final : public IDatabaseBackup {
  public:
   explicit DatabaseBackup(std::shared_ptr<IDatabaseService> database, DevicePaths paths = {});
@@ -33,7 +34,7 @@ class DatabaseBackup final : public IDatabaseBackup {
 
  private:
   Status exportSettings(std::uint8_t mask, const std::string& path, std::string_view columns);
-  void appendDatabaseVersion(const std::string& path);
+  std::vector<Property> settingsWith(std::uint8_t mask);
   Status restoreFromFile(const std::string& path, const RestoredCallback& restored);
 
   std::string getDatabaseVersion();

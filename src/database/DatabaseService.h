@@ -58,6 +58,8 @@ class DatabaseService : public IDatabaseService {
 
   ProvisioningDump getProvisioningDump() override { return persistent_->getProvisioningDump(); }
 
+  bool isWriterFailing() override { return persistent_->isWriterFailing(); }
+
  private:
   static bool isVolatile(const std::string& key) { return key.starts_with(kVolatilePrefix); }
   static bool isVolatile(const Property& property) { return isVolatile(property.text(column::kKey)); }

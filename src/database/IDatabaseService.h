@@ -11,8 +11,8 @@ namespace propertyservice {
 /// The one door to all properties, persistent and volatile. The outcome for each property is its status
 /// afterwards.
 ///
-/// Requests come one at a time; `isWriterIdle` may be asked from any thread. Operations on volatile keys
-/// throw `VolatileStorageException` when the store fails.
+/// Requests come one at a time; `isWriterIdle` and `isWriterFailing` may be asked from any thread. Operations
+/// on volatile keys throw `VolatileStorageException` when the store fails.
 class IDatabaseService {
  public:
   virtual ~IDatabaseService() = default;
@@ -40,10 +40,13 @@ class IDatabaseService {
   /// Resets every persistent property that matches; returns them with their statuses.
   virtual std::vector<Property> resetMultiple(const std::string& keyPattern) = 0;
 
-  /// True when every accepted write has been handed to the database file, or waits because that fails.
+  /// True when the database file holds every accepted write, also after a power cut.
   virtual bool isWriterIdle() = 0;
 
   virtual ProvisioningDump getProvisioningDump() = 0;
+
+  /// True while accepted writes wait because the database file cannot be written.
+  virtual bool isWriterFailing() = 0;
 };
 
 }  // namespace propertyservice

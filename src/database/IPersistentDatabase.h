@@ -9,7 +9,7 @@
 namespace propertyservice {
 
 /// The persistent properties. The outcome for each property is its status afterwards. Requests come one at a
-/// time; `isWriterIdle` may be asked from any thread.
+/// time; `isWriterIdle` and `isWriterFailing` may be asked from any thread.
 class IPersistentDatabase {
  public:
   virtual ~IPersistentDatabase() = default;
@@ -18,7 +18,7 @@ class IPersistentDatabase {
   /// otherwise.
   virtual void get(Property& property) = 0;
 
-  /// True while the write-behind worker sleeps with nothing to do.
+  /// True while the write-behind worker sleeps and the storage has taken every accepted write.
   virtual bool isWriterIdle() = 0;
 
   /// Writes "value" after validation; the property leaves with all its stored members. `Changed`,
@@ -42,6 +42,9 @@ class IPersistentDatabase {
   virtual std::vector<Property> resetMultiple(const std::string& keyPattern) = 0;
 
   virtual ProvisioningDump getProvisioningDump() = 0;
+
+  /// True while accepted writes wait because the storage cannot take them.
+  virtual bool isWriterFailing() = 0;
 };
 
 }  // namespace propertyservice

@@ -30,12 +30,16 @@ class PersistentDatabase : public IPersistentDatabase {
         [this](std::queue<Property>& properties) { storage_->updateValues(properties); });
   }
 
-  /// Returns after everything accepted has been handed to the storage.
-  ~PersistentDatabase() override { writer_->stop(); }
+  /// Returns after everything accepted has been handed to the storage, which no longer waits for locks as
+  /// long as it used to.
+  ~PersistentDatabase() override {
+    storage_->hurry();
+    writer_->stop();
+  }
 
   void get(Property& property) override { cache_->get(property); }
 
-  bool isWriterIdle() override { return writer_->isWaiting(); }
+  bool isWriterIdle() override { return writer_->isIdle(); }
 
   void set(Property& property) override {
     Property current = property;
@@ -101,6 +105,8 @@ class PersistentDatabase : public IPersistentDatabase {
 
   ProvisioningDump getProvisioningDump() override { return cache_->getProvisioningDump(); }
 
+  bool isWriterFailing() override { return writer_->isFailing(); }
+
  private:
   /// Leaves the verdict in the status. A value that the table would refuse is refused here: what is answered
   /// with "Ok" survives.
@@ -129,7 +135,7 @@ class PersistentDatabase : public IPersistentDatabase {
   StoragePtr storage_;
   CachePtr cache_;
   std::vector<ValidatorPtr> validators_;
-  std::unique_ptr<ActiveQueueBulk<Property>> writer_;
+  std::unique_ptr<WriteBehind> writer_;
 };
 
 }  // namespace propertyservice

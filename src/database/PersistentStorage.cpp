@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include <SQLiteCpp/Database.h>
@@ -28,6 +29,7 @@ namespace {
 using Reason = PersistentStorageException::Reason;
 
 constexpr int kBusyTimeoutMs = 5000;
+constexpr std::chrono::seconds kHurry(1);
 
 /// The bits of SQLite's primary result code in an extended one.
 constexpr int kPrimaryCode = 0xff;
@@ -75,8 +77,10 @@ constexpr std::array kIntegerParameters = {
 Reason reasonOf(const std::exception& error) {
   const auto* const failure = dynamic_cast<const SQLite::Exception*>(&error);
   const bool refused = failure != nullptr && (failure->getErrorCode() & kPrimaryCode) == SQLITE_CONSTRAINT;
-  const bool unbindable = dynamic_cast<const std::logic_error*>(&error) != nullptr ||
-                          dynamic_cast<const Json::Exception*>(&error) != nullptr;
+  // Neither JsonCpp's own lack of memory nor a text that is too long for it is among these.
+  const bool unbindable = dynamic_cast<const std::invalid_argument*>(&error) != nullptr ||
+                          dynamic_cast<const std::out_of_range*>(&error) != nullptr ||
+                          dynamic_cast<const Json::LogicError*>(&error) != nullptr;
   return refused || unbindable ? Reason::Constraint : Reason::Unavailable;
 }
 
@@ -222,13 +226,26 @@ void writeValues(SQLite::Statement& statement, const std::vector<Property>& batc
 }  // namespace
 
 std::shared_ptr<SQLite::Database> openDatabase(const std::string& path) {
-  return std::make_shared<SQLite::Database>(path, SQLite::OPEN_READWRITE, kBusyTimeoutMs);
+  auto database = std::make_shared<SQLite::Database>(path, SQLite::OPEN_READWRITE, kBusyTimeoutMs);
+  // The removal of the journal ends a transaction; without this it may be undone by a power cut.
+  database->exec("PRAGMA synchronous = EXTRA");
+  return database;
 }
 
 PersistentStorage::PersistentStorage(std::shared_ptr<SQLite::Database> database)
-    : database_(std::move(database)) {}
+    : database_(std::move(database)) {
+  if (database_ != nullptr) {
+    patience_ = std::chrono::milliseconds(database_->execAndGet("PRAGMA busy_timeout").getInt());
+    waitForLocks();
+  }
+}
 
-PersistentStorage::~PersistentStorage() = default;
+PersistentStorage::~PersistentStorage() {
+  if (database_ != nullptr) {
+    fullBatch_.reset();
+    sqlite3_busy_timeout(database_->getHandle(), static_cast<int>(patience_.count()));
+  }
+}
 
 void PersistentStorage::createTable() {
   reportingFailure([&] { SQLite::Statement(*database_, kCreate).exec(); });
@@ -300,6 +317,34 @@ std::vector<Property> PersistentStorage::selectMultiple(const std::string& keyPa
   return rows;
 }
 
+void PersistentStorage::hurry() {
+  noWaitingAfter_ = Clock::now() + kHurry;
+}
+
+/// Called by SQLite each time that a lock is in the way, with the number of calls before for the same lock.
+/// Returns whether to try again.
+int PersistentStorage::waitForLock(void* self, int waits) {
+  constexpr std::array kDelaysMs = {1, 2, 5, 10, 15, 20, 25, 25, 25, 50, 50, 100};
+  auto& storage = *static_cast<PersistentStorage*>(self);
+  const Clock::time_point now = Clock::now();
+  if (waits == 0) {
+    storage.waitingSince_ = now;
+  }
+  const Clock::time_point end =
+      std::min(storage.waitingSince_ + storage.patience_, storage.noWaitingAfter_.load());
+  if (now >= end) {
+    return 0;
+  }
+  const std::size_t step = std::min(static_cast<std::size_t>(waits), kDelaysMs.size() - 1);
+  std::this_thread::sleep_for(
+      std::min<Clock::duration>(std::chrono::milliseconds(kDelaysMs[step]), end - now));
+  return 1;
+}
+
+void PersistentStorage::waitForLocks() {
+  sqlite3_busy_handler(database_->getHandle(), waitForLock, this);
+}
+
 void PersistentStorage::writeBatch(const std::vector<Property>& batch) {
   try {
     try {
@@ -354,6 +399,7 @@ void PersistentStorage::reopen(bool moved) {
   }
   fullBatch_.reset();
   database_ = openDatabase(path);
+  waitForLocks();
   if (removed || moved) {
     logger().warning() << "Database file was " << (removed ? "removed and is written anew: " : "replaced: ")
                        << path;

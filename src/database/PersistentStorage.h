@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <queue>
 #include <string>
@@ -15,7 +17,8 @@ class Statement;
 namespace propertyservice {
 
 /// Opens an existing database file for reading and writing; waits up to 5000 ms for other processes that hold
-/// it. Throws `SQLite::Exception` when there is no such file.
+/// it. A transaction that has ended outlives a power cut. Throws `SQLite::Exception` when there is no such
+/// file or it is not a database.
 std::shared_ptr<SQLite::Database> openDatabase(const std::string& path);
 
 /// The table `settings` of an SQLite database; the only code that speaks SQL.
@@ -23,10 +26,13 @@ std::shared_ptr<SQLite::Database> openDatabase(const std::string& path);
 /// Every operation throws `PersistentStorageException`, after logging it as an error unless it is just a row
 /// that is missing; the storage stays usable. A member that a property lacks is NULL in the table.
 ///
-/// Without a lock: used by the thread that starts up, then by the write-behind worker alone.
+/// Without a lock: used by the thread that starts up, then by the write-behind worker alone, but for `hurry`.
 class PersistentStorage {
  public:
+  /// Waits for locks of other processes as long as `database` did.
   explicit PersistentStorage(std::shared_ptr<SQLite::Database> database);
+  PersistentStorage(const PersistentStorage&) = delete;
+  PersistentStorage& operator=(const PersistentStorage&) = delete;
   virtual ~PersistentStorage();
 
   virtual void createTable();
@@ -56,7 +62,15 @@ class PersistentStorage {
   /// which must exist.
   virtual std::vector<Property> selectMultiple(const std::string& keyPattern);
 
+  /// Allows all waiting for locks from now on, together with one that is under way, one second. From any
+  /// thread.
+  void hurry();
+
  private:
+  using Clock = std::chrono::steady_clock;
+
+  static int waitForLock(void* self, int waits);
+  void waitForLocks();
   void writeBatch(const std::vector<Property>& batch);
   void executeBatch(const std::vector<Property>& batch);
   void reopen(bool moved);
@@ -65,6 +79,10 @@ class PersistentStorage {
   const std::size_t batchSize_ = 300;
   std::unique_ptr<SQLite::Statement> fullBatch_;  ///< Prepared when one is needed.
   std::string lastBatchFailure_;                  ///< Empty after a success.
+
+  std::chrono::milliseconds patience_{0};  ///< With one lock.
+  Clock::time_point waitingSince_;
+  std::atomic<Clock::time_point> noWaitingAfter_ = Clock::time_point::max();
 };
 
 }  // namespace propertyservice

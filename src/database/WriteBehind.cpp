@@ -20,6 +20,9 @@ using Clock = std::chrono::steady_clock;
 /// Less than the worker's time-out, so that each time-out is a try.
 constexpr std::chrono::milliseconds kBetweenFailingTries(500);
 
+/// As many as the storage writes in one statement.
+constexpr std::size_t kOneStatement = 300;
+
 /// For the calling thread. Where requests and the writer share a busy core, batches become larger and fewer
 /// instead of each write holding up the next request; a tenth of the core is still enough for 10,000
 /// properties a second.
@@ -29,9 +32,10 @@ void letRequestsGoFirst() {
   setpriority(PRIO_PROCESS, kCallingThread, getpriority(PRIO_PROCESS, kCallingThread) + kNice);
 }
 
-bool mayPass(const std::exception& error) {
+/// True only for an answer of the table itself. Anything else, such as a lack of memory, may pass.
+bool isRefusal(const std::exception& error) {
   const auto* const failure = dynamic_cast<const PersistentStorageException*>(&error);
-  return failure != nullptr && failure->reason() == PersistentStorageException::Reason::Unavailable;
+  return failure != nullptr && failure->reason() == PersistentStorageException::Reason::Constraint;
 }
 
 /// The last property of each key that stands at least `times` times, in the order given.
@@ -63,17 +67,14 @@ std::deque<Property> lastOfEachKey(const std::deque<Property>& properties, std::
 
 }  // namespace
 
-WriteBehind::WriteBehind(Write write)
-    : ActiveQueueBulk([this](std::queue<Property>& taken) { accept(taken); }, false),
-      write_(std::move(write)) {
+WriteBehind::WriteBehind(Write write) : ActiveQueueBulk({}, false), write_(std::move(write)) {
   start();
 }
 
 WriteBehind::~WriteBehind() {
   stop();
-  if (!unwritten_.empty()) {
-    logger().error() << "Lost, because the database could not be written: " << unwritten_.size()
-                     << " changed properties";
+  if (const std::size_t lost = unwritten_.size() + pushed_.size(); lost > 0) {
+    logger().error() << "Lost, because the database could not be written: " << lost << " changed properties";
   }
 }
 
@@ -82,39 +83,51 @@ void WriteBehind::processQueue(std::unique_lock<std::mutex>& lock) {
     requestsGoFirst_ = true;
     letRequestsGoFirst();
   }
-  ActiveQueueBulk::processQueue(lock);
-  if (!unwritten_.empty()) {
-    lock.unlock();
-    tryToWrite();
-    lock.lock();
+  if (pushed_.empty()) {
+    pushed_.swap(queue_);
   }
-}
-
-void WriteBehind::accept(std::queue<Property>& taken) {
-  for (; !taken.empty(); taken.pop()) {
-    unwritten_.push_back(std::move(taken.front()));
+  lock.unlock();
+  try {
+    for (; !pushed_.empty(); pushed_.pop()) {
+      unwritten_.push_back(std::move(pushed_.front()));
+    }
+    if (!unwritten_.empty()) {
+      tryToWrite();
+    }
+  } catch (const std::exception& error) {
+    reportFailure(error.what());
   }
+  allTaken_ = unwritten_.empty() && pushed_.empty();
+  lock.lock();
 }
 
 void WriteBehind::tryToWrite() {
   if (failing_ && Clock::now() < nextTry_ && !isStopped()) {
     return;
   }
-  try {
-    const std::size_t count = unwritten_.size();
-    writeAll();
-    if (failing_) {
-      failing_ = false;
-      logger().info() << "Database can be written again, properties that had been waiting: " << count;
-    }
-  } catch (const std::exception& error) {
+  const std::size_t count = unwritten_.size();
+  if (count > kOneStatement) {
     unwritten_ = lastOfEachKey(unwritten_, 1);
-    nextTry_ = Clock::now() + kBetweenFailingTries;
-    if (!failing_) {
-      failing_ = true;
+  }
+  writeAll();
+  if (failing_) {
+    failing_ = false;
+    logger().info() << "Database can be written again, properties that had been waiting: " << count;
+  }
+}
+
+/// Without exceptions, also where there is no memory left for the log entry.
+void WriteBehind::reportFailure(const char* reason) noexcept {
+  nextTry_ = Clock::now() + kBetweenFailingTries;
+  const bool begins = !failing_.exchange(true);
+  try {
+    unwritten_ = lastOfEachKey(unwritten_, 1);
+    if (begins) {
       logger().error() << "Database cannot be written, properties that wait for it: " << unwritten_.size()
-                       << ", reason: " << error.what();
+                       << ", reason: " << reason;
     }
+  } catch (const std::exception&) {
+    // The next try begins with what there is.
   }
 }
 
@@ -126,7 +139,7 @@ void WriteBehind::writeAll() {
     }
     unwritten_.clear();
   } catch (const std::exception& error) {
-    if (mayPass(error)) {
+    if (!isRefusal(error)) {
       throw;
     }
     writeOneByOne();
@@ -138,7 +151,7 @@ void WriteBehind::writeOneByOne() {
     try {
       write({unwritten_.front()});
     } catch (const std::exception& error) {
-      if (mayPass(error)) {
+      if (!isRefusal(error)) {
         throw;
       }
       logger().error() << "Database refused the value of " << unwritten_.front().text(column::kKey) << ": "

@@ -43,10 +43,12 @@ TEST(BackupFile, takesTheLastValueUpToTheEndWhenItsLineEndIsMissing) {
   EXPECT_THAT(entries(backup), ElementsAre(Pair("A", "1"), Pair("B", "2")));
 }
 
-TEST(BackupFile, endsAValueWithoutALineEndBeforeTheVersion) {
-  const BackupFile backup = parseBackup("A;1\nB;2DatabaseVersion:17\n");
+TEST(BackupFile, takesTheVersionMarkerInsideALineForPartOfTheLine) {
+  const BackupFile backup =
+      parseBackup("A;DatabaseVersion: none\nB;2DatabaseVersion:9\nDatabaseVersion:17\n");
 
-  EXPECT_THAT(entries(backup), ElementsAre(Pair("A", "1"), Pair("B", "2")));
+  EXPECT_THAT(entries(backup),
+              ElementsAre(Pair("A", "DatabaseVersion: none"), Pair("B", "2DatabaseVersion:9")));
   EXPECT_EQ(backup.version, "17\n");
 }
 
@@ -126,6 +128,48 @@ TEST(BackupFile, keepsTheCompleteLinesWhereverItIsCutOff) {
     ASSERT_GE(cut.size(), lines);
     ASSERT_LE(cut.size(), lines + 1);
     EXPECT_TRUE(std::equal(cut.begin(), cut.begin() + static_cast<std::ptrdiff_t>(lines), whole.begin()));
+  }
+}
+
+/// The text after "lacks"; empty when the file is whole.
+std::string missingIn(std::string_view text, const std::vector<std::string>& keys, bool withVersion = true) {
+  std::vector<Property> properties;
+  for (const std::string& key : keys) {
+    properties.push_back(Property({{column::kKey, key}}));
+  }
+  try {
+    requireWhole(text, properties, withVersion);
+  } catch (const std::runtime_error& error) {
+    const std::string complaint = error.what();
+    return complaint.substr(complaint.find("lacks ") + 6);
+  }
+  return "";
+}
+
+TEST(WholeBackup, holdsALineForEachPropertyAndTheVersionLine) {
+  const std::string text = "A;1\nB;2;x;y\nC;of two\nlines\nK\n;e;y;z\n;\nDatabaseVersion:17\n";
+
+  EXPECT_EQ(missingIn(text, {"A", "B", "C", "K\n;e;y", ""}), "");
+  EXPECT_EQ(missingIn("A;1\n", {"A"}, false), "");
+  EXPECT_EQ(missingIn("", {}, false), "");
+}
+
+TEST(WholeBackup, lacksWhatTheShellDidNotWrite) {
+  EXPECT_EQ(missingIn("", {"A"}, false), "A");
+  EXPECT_EQ(missingIn("DatabaseVersion:17\n", {"A"}), "A");
+  EXPECT_EQ(missingIn("A;1\nAB;2\nx;B;\nDatabaseVersion:17\n", {"A", "B"}), "B");
+  EXPECT_EQ(missingIn("A;1\n", {"A"}), "its version line");
+}
+
+TEST(WholeBackup, isNotSeenInAnyPartOfItself) {
+  const std::string text = "A;1\nB;2\nC;x\nDatabaseVersion:17\n";
+  ASSERT_EQ(missingIn(text, {"A", "B", "C"}), "");
+
+  for (std::size_t length = 0; length < text.size(); ++length) {
+    EXPECT_NE(missingIn(text.substr(0, length), {"A", "B", "C"}), "") << length;
+    if (length < text.find("DatabaseVersion")) {
+      EXPECT_NE(missingIn(text.substr(0, length) + "DatabaseVersion:17\n", {"A", "B", "C"}), "") << length;
+    }
   }
 }
 

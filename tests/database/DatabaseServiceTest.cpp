@@ -19,6 +19,7 @@ class MockPersistentDatabase : public IPersistentDatabase {
  public:
   MOCK_METHOD(void, get, (Property&), (override));
   MOCK_METHOD(bool, isWriterIdle, (), (override));
+  MOCK_METHOD(bool, isWriterFailing, (), (override));
   MOCK_METHOD(void, set, (Property&), (override));
   MOCK_METHOD(std::vector<Property>, getMultiple,
               (const std::string&, const std::vector<std::string>&, const std::string&), (override));
@@ -156,6 +157,13 @@ TEST_F(DatabaseServiceTest, isIdleWhenThePersistentDatabaseIs) {
 
   EXPECT_FALSE(service.isWriterIdle());
   EXPECT_TRUE(service.isWriterIdle());
+}
+
+TEST_F(DatabaseServiceTest, failsToWriteWhenThePersistentDatabaseDoes) {
+  EXPECT_CALL(*persistent, isWriterFailing()).WillOnce(Return(false)).WillOnce(Return(true));
+
+  EXPECT_FALSE(service.isWriterFailing());
+  EXPECT_TRUE(service.isWriterFailing());
 }
 
 TEST_F(DatabaseServiceTest, dumpsTheProvisioningNamesOfThePersistentDatabase) {

@@ -1,3 +1,4 @@
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -36,6 +37,9 @@ class FakeStorage {
       writes_.emplace_back(properties.front().text("key"), properties.front().text("value"));
     }
   }
+
+  void hurry() { hurried = true; }
+  std::atomic<bool> hurried = false;
 
   std::string pattern() const { return pattern_; }
 
@@ -362,6 +366,14 @@ TEST_F(PersistentDatabaseTest, isIdleOnceEveryAcceptedWriteIsWithTheStorage) {
 
   EXPECT_TRUE(eventually([&] { return database->isWriterIdle(); }));
   EXPECT_EQ(storage->writes(), (Writes{{"Web.A", "new"}}));
+}
+
+TEST_F(PersistentDatabaseTest, hurriesItsStorageAtItsEnd) {
+  EXPECT_FALSE(storage->hurried);
+
+  database.reset();
+
+  EXPECT_TRUE(storage->hurried);
 }
 
 TEST_F(PersistentDatabaseTest, writesManyValuesInCallOrder) {

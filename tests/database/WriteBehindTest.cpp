@@ -149,9 +149,9 @@ TEST_F(WriteBehindTest, writesEverythingBeforeItsDestruction) {
 TEST_F(WriteBehindTest, isIdleOnlyAfterTheStorageHasTakenEverything) {
   startHeld();
 
-  EXPECT_FALSE(writer->isWaiting());
+  EXPECT_FALSE(writer->isIdle());
   storage.goOn();
-  EXPECT_TRUE(eventually([&] { return writer->isWaiting(); }));
+  EXPECT_TRUE(eventually([&] { return writer->isIdle(); }));
   EXPECT_EQ(storage.calls().size(), 1U);
 }
 
@@ -200,12 +200,48 @@ TEST_F(WriteBehindTest, triesOnceMoreAtItsEndWhatWaits) {
   EXPECT_EQ(storage.calls(), std::vector<Values>{{"A=x"}});
 }
 
-TEST_F(WriteBehindTest, isIdleBetweenTheTriesWhileTheStorageFails) {
+TEST_F(WriteBehindTest, isFailingAndNeverIdleUntilTheStorageHasTakenEverything) {
   startWithAFullDisk();
-  push("A", "x");
-  ASSERT_TRUE(eventually([&] { return storage.tries == 1; }));
+  EXPECT_FALSE(writer->isFailing());
 
-  EXPECT_TRUE(eventually([&] { return writer->isWaiting(); }, std::chrono::milliseconds(500)));
+  push("A", "x");
+  ASSERT_TRUE(eventually([&] { return writer->isFailing(); }));
+  while (storage.tries < 3) {
+    ASSERT_FALSE(writer->isIdle());
+    ASSERT_TRUE(writer->isFailing());
+  }
+
+  storage.diskFull = false;
+  EXPECT_TRUE(eventually([&] { return writer->isIdle(); }));
+  EXPECT_FALSE(writer->isFailing());
+  EXPECT_EQ(storage.calls(), std::vector<Values>{{"A=x"}});
+}
+
+TEST_F(WriteBehindTest, handsOverOnlyTheLastValueOfEachKeyOfMoreThanFillsAStatement) {
+  startHeld();
+  for (int i = 0; i < 200; ++i) {
+    push("A", std::to_string(i));
+    push("B", std::to_string(i));
+  }
+  push("C", "only");
+  push("A", "last");
+
+  storage.goOn();
+
+  EXPECT_TRUE(comesToCall({{"First=1"}, {"B=199", "C=only", "A=last"}}));
+}
+
+TEST_F(WriteBehindTest, handsOverEverythingThatFillsAStatement) {
+  startHeld();
+  for (int i = 0; i < 300; ++i) {
+    push("A", std::to_string(i));
+  }
+
+  storage.goOn();
+
+  ASSERT_TRUE(eventually([&] { return storage.calls().size() == 3; }));
+  EXPECT_EQ(storage.calls()[1].size(), 300U);
+  EXPECT_EQ(storage.calls()[2], Values{"A=299"});
 }
 
 TEST_F(WriteBehindTest, doesNotHammerAFailingStorageWithEachPush) {
@@ -340,16 +376,24 @@ TEST(WriteBehind, writesAtALowerPriorityThanThePushingThread) {
   EXPECT_EQ(getpriority(PRIO_PROCESS, 0), own);
 }
 
-TEST(WriteBehind, survivesAnyExceptionOfItsStorage) {
+TEST(WriteBehind, takesAnyOtherExceptionOfItsStorageForAFailureThatPasses) {
   std::atomic<int> calls = 0;
-  WriteBehind writer([&](std::queue<Property>&) {
-    ++calls;
-    throw std::runtime_error("unexpected");
+  std::atomic<int> written = 0;
+  WriteBehind writer([&](std::queue<Property>& properties) {
+    switch (calls++) {
+      case 0:
+        throw std::runtime_error("unexpected");
+      case 1:
+        throw std::bad_alloc();
+      default:
+        written = static_cast<int>(properties.size());
+    }
   });
 
   writer.push(Property({{"key", "A"}, {"value", "x"}}));
 
-  EXPECT_TRUE(eventually([&] { return calls == 2 && writer.isWaiting(); }));
+  EXPECT_TRUE(eventually([&] { return written == 1 && writer.isIdle(); }));
+  EXPECT_EQ(calls, 3);
 }
 
 /// The table in a file behind the writer; its connection does not wait for locks.

@@ -8,6 +8,7 @@
 #include <SQLiteCpp/SQLiteCpp.h>
 
 #include "support/Device.h"
+#include "support/SmallDisk.h"
 
 // The daemon on disks that fill up, lock, vanish, and on machines that lose their power.
 
@@ -18,30 +19,6 @@ constexpr const char* kDiskRoot = "/usr/sbin";
 constexpr const char* kFailing = "Database cannot be written";
 constexpr const char* kRecovered = "Database can be written again";
 
-/// A small disk of its own under the database file.
-class SmallDisk {
- public:
-  SmallDisk() {
-    if (mount("disk", kDiskRoot, "tmpfs", 0, "size=256k") != 0) {
-      throw std::runtime_error("cannot mount a small disk");
-    }
-  }
-  SmallDisk(const SmallDisk&) = delete;
-  SmallDisk& operator=(const SmallDisk&) = delete;
-  ~SmallDisk() { umount2(kDiskRoot, MNT_DETACH); }
-
-  void fill() {
-    std::ofstream filler(kFiller, std::ios::binary);
-    while (filler.write(std::string(4096, 'x').data(), 4096).flush()) {
-    }
-  }
-
-  void free() { std::filesystem::remove(kFiller); }
-
- private:
-  static constexpr const char* kFiller = "/usr/sbin/filler";
-};
-
 void expectOneFailureAndOneRecovery(const Device& device) {
   EXPECT_TRUE(device.waitForLog(kRecovered));
   EXPECT_EQ(device.logLines(kFailing).size(), 1U);
@@ -50,7 +27,7 @@ void expectOneFailureAndOneRecovery(const Device& device) {
 
 TEST(DiskFaults, aFullDiskLosesNoAcceptedWrite) {
   Device device;
-  SmallDisk disk;
+  SmallDisk disk(kDiskRoot);
   device.start();
   disk.fill();
 
@@ -70,7 +47,7 @@ TEST(DiskFaults, aFullDiskLosesNoAcceptedWrite) {
 
 TEST(DiskFaults, aFullDiskDoesNotKeepTheDaemonFromEnding) {
   Device device;
-  SmallDisk disk;
+  SmallDisk disk(kDiskRoot);
   device.start();
   disk.fill();
   device.set("Audio.Volume", "9");
@@ -98,16 +75,16 @@ TEST(DiskFaults, aLockHeldByAnotherProcessLosesNoAcceptedWrite) {
 
 TEST(DiskFaults, aDiskThatIsReadOnlyForATimeLosesNoAcceptedWrite) {
   Device device;
-  SmallDisk disk;
+  SmallDisk disk(kDiskRoot);
   device.start();
   device.stop();
-  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  ASSERT_TRUE(disk.makeReadOnly());
   device.start();
 
   EXPECT_EQ(device.set("Audio.Volume", "9")["status"], "Ok");
   ASSERT_TRUE(device.waitForLog(kFailing));
   EXPECT_EQ(device.getValue("Audio.Volume"), "9");
-  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT, nullptr), 0);
+  ASSERT_TRUE(disk.makeWritable());
 
   EXPECT_TRUE(Device::waitForValueInFile("Audio.Volume", "9"));
   expectOneFailureAndOneRecovery(device);

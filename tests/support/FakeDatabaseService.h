@@ -17,7 +17,12 @@ class FakeDatabaseService : public IDatabaseService {
   std::map<std::string, Status> refusals;
 
   std::vector<std::vector<Property>> listWrites;  ///< What each `setMultiple` was given.
-  int busyAnswers = 0;                            ///< So many answers of `isWriterIdle` are "no".
+
+  /// So many answers of `isWriterIdle` are "no": the table lacks a write.
+  int busyAnswers = 0;
+
+  /// The table cannot be written: what was accepted waits, for ever.
+  bool writerFails = false;
 
   void add(Property::Columns columns) {
     const Property row(columns);
@@ -96,7 +101,8 @@ class FakeDatabaseService : public IDatabaseService {
     return found;
   }
 
-  bool isWriterIdle() override { return busyAnswers-- <= 0; }
+  bool isWriterIdle() override { return busyAnswers-- <= 0 && !writerFails; }
+  bool isWriterFailing() override { return writerFails && busyAnswers <= 0; }
 
   ProvisioningDump getProvisioningDump() override {
     ProvisioningDump dump;

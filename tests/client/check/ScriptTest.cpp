@@ -124,9 +124,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"defaultWithALineBreak",
                          row("A.B", "'x' || char(10) || 'y', 8, NULL, NULL, NULL, NULL, NULL"), 5, kError,
                          "cuts a backup off"},
-                    Case{"defaultWithTheMarkerOfBackups",
-                         row("A.B", "'DatabaseVersion:', 8, NULL, NULL, NULL, NULL, NULL"), 5, kError,
-                         "cuts a backup off"},
                     Case{"defaultThatIsNotUtf8", row("A.B", "'\xff', 8, NULL, NULL, NULL, NULL, NULL"), 5,
                          kError, "is not UTF-8"}),
     nameOf);
