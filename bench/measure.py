@@ -200,6 +200,40 @@ def measure_start(build, output, plan):
     return samples
 
 
+def measure_maintenance(build, output, plan):
+    """A sample for each round: what a restore of 4096 changed values takes, and the backup of all settings after it."""
+    make_device(build, 4096)
+    backup = pathlib.Path("/config/user_backup.csv")
+    propctl = build / "propctl"
+    samples = []
+    with running([build / "PropertyService"], output / "maintenance.log"):
+        run([build / "busload", DAEMON, "getV", 1, 1, 0.1])  # until it answers
+        run([propctl, "backup", "--all"])
+        lines = backup.read_text().splitlines()
+        for number in range(plan.rounds):
+            value = f";{number % 10}"
+            backup.write_text("".join((line.rpartition(";")[0] + value if line.startswith("Account.") else line) + "\n"
+                                      for line in lines))
+            sample = {"round": number, "changed": sum(line.startswith("Account.") for line in lines)}
+            for operation in (["restore"], ["backup", "--all"]):
+                begin = time.perf_counter()
+                run([propctl, *operation])
+                sample[operation[0] + "_ms"] = (time.perf_counter() - begin) * 1000
+            samples.append(sample)
+    return samples
+
+
+def measure_slow_disk(build, output, plan):
+    """A sample for each round: the round trip of a setV on a disk that takes 30 ms for each synchronisation."""
+    make_device(build, 4096)
+    slow = ["env", f"LD_PRELOAD={build / 'tests/support/libslow_sync.so'}", "SLOW_SYNC_PROGRAM=PropertyService",
+            "SLOW_SYNC_MS=30", "SLOW_SYNC_LOG=/dev/null"]
+    with running([*slow, build / "PropertyService"], output / "slow.log"):
+        run([build / "busload", DAEMON, "getV", 1, 1, 0.1])  # until it answers
+        return [{"round": number, **json.loads(run([build / "busload", DAEMON, "setV", 1, 1, plan.seconds]))}
+                for number in range(plan.rounds)]
+
+
 def machine():
     models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
               if line.startswith("model name")]
@@ -225,6 +259,9 @@ def main():
         print("start", file=sys.stderr)
         pin(broker_pid, ALL_CORES)
         results["start"] = measure_start(build, output, plan)
+        print("backup and restore", file=sys.stderr)
+        results["maintenance"] = measure_maintenance(build, output, plan)
+        results["slow_disk"] = measure_slow_disk(build, output, plan)
     (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
 
 

@@ -40,6 +40,8 @@ class Results:
         self._times = results["in_process"]
         self._bus = results["bus"]
         self._start = results["start"]
+        self._maintenance = results["maintenance"]
+        self._slow_disk = results["slow_disk"]
 
     def benchmarks(self):
         return sorted(self._times)
@@ -59,6 +61,12 @@ class Results:
 
     def sizes(self):
         return sorted({sample["properties"] for sample in self._start})
+
+    def maintenance(self, member):
+        return Figure(sample[member] for sample in self._maintenance)
+
+    def slow_disk(self, member):
+        return Figure(sample[member] for sample in self._slow_disk)
 
     def start_beyond_connecting(self, properties):
         return Figure(sample["first_reply_ms"] - sample["connect_ms"] for sample in self._start
@@ -141,6 +149,15 @@ def start_table(results):
                   "resident MiB"), rows)
 
 
+def maintenance_table(results):
+    changed = results.maintenance("changed")
+    figures = ((f"restore of {changed.median} changed values among 4096, by propctl, ms", results.maintenance("restore_ms")),
+               ("backup of all settings after it, by propctl, ms", results.maintenance("backup_ms")),
+               ("setV, round trip, 1 client, 30 ms a synchronisation, µs", results.slow_disk("p50_us")),
+               ("the same on the disk of the table above, µs", results.bus(DAEMON, "setV 1x1", "p50_us", False)))
+    return table(("what", "median", "spread"), [(what, figure, percent(figure)) for what, figure in figures])
+
+
 def growth_table(results):
     sizes = results.sizes()
     rows = [(request, *(results.time(f"{request}/{size}", 1000) for size in sizes))
@@ -162,6 +179,7 @@ def report(results):
         "### On the bus, everything on one core\n", bus_table(results, True),
         "### On the bus, on all cores\n", bus_table(results, False),
         "### Start\n", start_table(results),
+        "### Backup, restore and a slow disk\n", maintenance_table(results),
         "### Growth\n", growth_table(results),
         "### In process\n", process_table(results)])
 

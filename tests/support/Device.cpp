@@ -106,8 +106,17 @@ void Device::writeScript(const std::vector<Row>& rows) {
   writeFile(kScript, script + "COMMIT;\n");
 }
 
+void Device::slowDisk(int milliseconds) {
+  writeFile(kSynchronised, "");
+  setEnvironment({"LD_PRELOAD=" SLOW_SYNC_LIBRARY, "SLOW_SYNC_PROGRAM=PropertyService",
+                  "SLOW_SYNC_MS=" + std::to_string(milliseconds),
+                  std::string("SLOW_SYNC_LOG=") + kSynchronised});
+}
+
 void Device::launch(const std::vector<std::string>& options) {
-  std::vector<std::string> command = {PROPERTYSERVICE_BINARY};
+  std::vector<std::string> command = {"env"};
+  command.insert(command.end(), environment_.begin(), environment_.end());
+  command.emplace_back(PROPERTYSERVICE_BINARY);
   command.insert(command.end(), options.begin(), options.end());
   daemon_ = std::make_unique<Process>(command, directory_.path("log"));
 }

@@ -54,6 +54,13 @@ class Device {
   static std::vector<Row> defaultRows();
   void writeScript(const std::vector<Row>& rows);
 
+  /// Adds variables, each as NAME=VALUE, to the daemon's environment from its next start on.
+  void setEnvironment(std::vector<std::string> variables) { environment_ = std::move(variables); }
+  /// Has each synchronisation of the daemon take so long, and the path of what is synchronised be written to
+  /// `kSynchronised`, from its next start on. The shells that it starts are left alone.
+  void slowDisk(int milliseconds);
+  static constexpr const char* kSynchronised = "/var/volatile/synchronised";
+
   /// Starts the daemon, without waiting for anything.
   void launch(const std::vector<std::string>& options = {});
   /// Starts the daemon and returns when it answers; throws with its log when it does not.
@@ -95,6 +102,7 @@ class Device {
 
  private:
   const TemporaryDirectory directory_;
+  std::vector<std::string> environment_;
   Broker broker_;
   std::unique_ptr<Process> daemon_;
   std::unique_ptr<BusClient> panel_;
