@@ -82,6 +82,8 @@ void Dispatcher::run() {
     client_->subscribe(topic::request("+"), this);
     client_->connect(kKeepSession, kGreatestQos, kBusHost);
     waitForShutdown();
+    // A request that waits for the writer would hold up the disconnect.
+    database_->hurry();
     client_->disconnect();
   } catch (const ipc::IPCException& error) {
     logger().error() << error.what();

@@ -60,6 +60,8 @@ class DatabaseService : public IDatabaseService {
 
   bool isWriterFailing() override { return persistent_->isWriterFailing(); }
 
+  void hurry() override { persistent_->hurry(); }
+
  private:
   static bool isVolatile(const std::string& key) { return key.starts_with(kVolatilePrefix); }
   static bool isVolatile(const Property& property) { return isVolatile(property.text(column::kKey)); }

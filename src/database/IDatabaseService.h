@@ -47,6 +47,10 @@ class IDatabaseService {
 
   /// True while accepted writes wait because the database file cannot be written.
   virtual bool isWriterFailing() = 0;
+
+  /// To be called before the process ends, from any thread: all waiting for locks on the database file takes
+  /// one second at most from now on.
+  virtual void hurry() = 0;
 };
 
 }  // namespace propertyservice

@@ -45,6 +45,10 @@ class IPersistentDatabase {
 
   /// True while accepted writes wait because the storage cannot take them.
   virtual bool isWriterFailing() = 0;
+
+  /// To be called before the end, from any thread: all waiting for locks on the storage takes one second at
+  /// most from now on.
+  virtual void hurry() = 0;
 };
 
 }  // namespace propertyservice

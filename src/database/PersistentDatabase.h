@@ -107,6 +107,8 @@ class PersistentDatabase : public IPersistentDatabase {
 
   bool isWriterFailing() override { return writer_->isFailing(); }
 
+  void hurry() override { storage_->hurry(); }
+
  private:
   /// Leaves the verdict in the status. A value that the table would refuse is refused here: what is answered
   /// with "Ok" survives.

@@ -318,7 +318,8 @@ std::vector<Property> PersistentStorage::selectMultiple(const std::string& keyPa
 }
 
 void PersistentStorage::hurry() {
-  noWaitingAfter_ = Clock::now() + kHurry;
+  Clock::time_point never = Clock::time_point::max();
+  noWaitingAfter_.compare_exchange_strong(never, Clock::now() + kHurry);
 }
 
 /// Called by SQLite each time that a lock is in the way, with the number of calls before for the same lock.

@@ -62,8 +62,8 @@ class PersistentStorage {
   /// which must exist.
   virtual std::vector<Property> selectMultiple(const std::string& keyPattern);
 
-  /// Allows all waiting for locks from now on, together with one that is under way, one second. From any
-  /// thread.
+  /// Allows all waiting for locks from the first call on, together with one that is under way, one second.
+  /// From any thread.
   void hurry();
 
  private:

@@ -20,6 +20,7 @@ class MockPersistentDatabase : public IPersistentDatabase {
   MOCK_METHOD(void, get, (Property&), (override));
   MOCK_METHOD(bool, isWriterIdle, (), (override));
   MOCK_METHOD(bool, isWriterFailing, (), (override));
+  MOCK_METHOD(void, hurry, (), (override));
   MOCK_METHOD(void, set, (Property&), (override));
   MOCK_METHOD(std::vector<Property>, getMultiple,
               (const std::string&, const std::vector<std::string>&, const std::string&), (override));

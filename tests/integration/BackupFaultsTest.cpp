@@ -171,6 +171,18 @@ INSTANTIATE_TEST_SUITE_P(Obstacles, UnwritableTable,
                                          Case{"ReadOnlyDisk", makeObstacle<ReadOnlyDisk>()}),
                          [](const testing::TestParamInfo<Case>& obstacle) { return obstacle.param.name; });
 
+TEST_P(UnwritableTable, doesNotLetARequestThatWaitsForItHoldUpAStop) {
+  block();
+  device_.panel().sendRequest(makeRequest("setV", "Audio.Volume", "9"));
+  device_.panel().send(R"({"method":"makeBackup"})");
+  ASSERT_TRUE(device_.panel().waitForMessages(device_.panel().replyTopic(), 1));
+  const auto begin = Clock::now();
+
+  EXPECT_EQ(device_.stop(), 0);
+
+  EXPECT_LT(Clock::now() - begin, milliseconds(2500));
+}
+
 class BackupFaults : public testing::Test {
  protected:
   BackupFaults() { device_.start(); }

@@ -103,6 +103,7 @@ class FakeDatabaseService : public IDatabaseService {
 
   bool isWriterIdle() override { return busyAnswers-- <= 0 && !writerFails; }
   bool isWriterFailing() override { return writerFails && busyAnswers <= 0; }
+  void hurry() override {}
 
   ProvisioningDump getProvisioningDump() override {
     ProvisioningDump dump;

@@ -65,7 +65,9 @@ ExitStatus restore(Session& session) {
   return maintain(
       session, "restore", [](Client& client) { return client.restore(); },
       "restored from /config/user_backup.csv on the device",
-      "there is no /config/user_backup.csv on the device, or it cannot be read: the daemon's log says which");
+      "there is no /config/user_backup.csv on the device, it cannot be read, or the database cannot be "
+      "written: "
+      "the daemon's log says which");
 }
 
 ExitStatus sysdump(Session& session) {
