@@ -19,11 +19,12 @@ std::string toLines(const std::vector<Property>& properties) {
 void parse(std::string_view text) {
   const BackupFile backup = parseBackup(text);
 
-  const std::size_t marker = text.find(kVersionMarker);
+  // A line break in front of everything moves the one that the marker follows to where the marker was.
+  const std::size_t marker = ('\n' + std::string(text)).find('\n' + std::string(kVersionMarker));
   const std::string_view data = text.substr(0, marker);
   require(backup.version == (marker == std::string_view::npos ? std::string_view()
                                                               : text.substr(marker + kVersionMarker.size())),
-          "the version is all that follows the first marker");
+          "the version is all that follows the first marker that begins a line");
 
   const std::string lines = toLines(backup.properties);
   if (data.starts_with(lines)) {
