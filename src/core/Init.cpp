@@ -149,6 +149,8 @@ void InitContext::createPersistentStorage(bool forceDbInit) {
 /// 1. The mark reaches the disk. From here on every start begins at 2.
 /// 2. What is left of a database goes.
 /// 3. The shell makes the new one. Where it is killed, or this process is, the mark stays.
+/// 4. The database reaches the disk, whatever its script has told the shell about that.
+/// 5. `concludeCreation` removes the mark, before a client's first write could go with the database.
 void InitContext::createDatabase() {
   filesystem::create(paths_.unfinishedMark());
   filesystem::synchronize(paths_.databaseFolder());
@@ -161,19 +163,18 @@ void InitContext::createDatabase() {
     logger().error() << "The shell ended with status " << result.status << " on " << paths_.creationScript
                      << ": " << excerpt(complaintIn(result.output));
   }
+  if (filesystem::checkFileExists(paths_.database)) {
+    filesystem::synchronize(paths_.database);
+    filesystem::synchronize(paths_.databaseFolder());
+  }
 }
 
-/// 4. The database reaches the disk, whatever its script has told the shell about that.
-/// 5. The mark goes, before a client's first write could be lost with the database.
-///
 /// A table that came out empty ends the start-up later on. Its mark stays, so that the next start tries
 /// again.
 void InitContext::concludeCreation() {
   if (storage_->selectMultiple(std::string(kSqlWildcard)).empty()) {
     return;
   }
-  filesystem::synchronize(paths_.database);
-  filesystem::synchronize(paths_.databaseFolder());
   if (!filesystem::remove(paths_.unfinishedMark())) {
     throw std::runtime_error("Cannot remove " + paths_.unfinishedMark());
   }

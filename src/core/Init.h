@@ -16,9 +16,9 @@ class InitContext {
   explicit InitContext(DevicePaths paths = {});
 
   /// Opens the volatile store (emptied first with `dropState`) and the database file (built anew from its
-  /// script with `forceDbInit` or when it is missing), fills in the device's parameters, applies the
-  /// customisation files and, unless `forceDbInit`, finishes a pending restore. What it throws means that the
-  /// service cannot run.
+  /// script with `forceDbInit`, when it is missing, or when building it was interrupted), fills in the
+  /// device's parameters, applies the customisation files and, unless `forceDbInit`, finishes a pending
+  /// restore. What it throws means that the service cannot run.
   std::pair<std::shared_ptr<IDatabaseService>, std::unique_ptr<IDatabaseBackup>> initializeDatabases(
       bool forceDbInit, bool dropState);
 
