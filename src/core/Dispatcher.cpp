@@ -1,6 +1,7 @@
 #include "core/Dispatcher.h"
 
 #include <condition_variable>
+#include <exception>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -104,9 +105,18 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& pay
     logger().error() << "Invalid message: " << [&] { return excerpt(payload); };
     return;
   }
-  const std::string text = answer(request);
-  if (answerTopic) {
-    client_->publish(*answerTopic, text, kQos);
+  try {
+    const std::string text = answer(request);
+    if (answerTopic) {
+      client_->publish(*answerTopic, text, kQos);
+    }
+  } catch (const std::exception& error) {
+    const Json::Value& name = request[PROPERTY_METHOD];
+    logger().error() << "No reply to "
+                     << common::quote(excerpt(name.isString() ? name.asString() : json::write(name)))
+                     << " of " << common::quote(excerpt(topic.substr(0, topic.find('/')))) << ": "
+                     << error.what();
+    throw;
   }
 }
 

@@ -208,6 +208,15 @@ TEST_F(DispatcherTest, letsOutWhatAHandlerThrows) {
   EXPECT_THAT(client->published(), IsEmpty());
 }
 
+TEST_F(DispatcherTest, logsWhichRequestOfWhomAHandlerThrewAt) {
+  LogCapture log;
+
+  EXPECT_ANY_THROW(askText(R"({"method":"getV","param":[1]})"));
+
+  EXPECT_EQ(log.linesWith("error core/Dispatcher:").size(), 1U);
+  EXPECT_EQ(log.linesWith("No reply to \"getV\" of \"panel\": Type is not convertible to string").size(), 1U);
+}
+
 TEST_F(DispatcherTest, letsOutWhatTheBusThrows) {
   client->failing = "publish";
 
