@@ -27,6 +27,7 @@ constexpr unsigned kStartLogMask = 14;
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  common::signal::exitUntilRegistered();  // the files survive a start-up that is cut off anywhere
   dbg::DebugStreamBuf::setMask(kStartLogMask);
   // Passwords are in the database and in backups: what is made from here on is for the owner alone.
   umask(S_IRWXG | S_IRWXO);

@@ -5,9 +5,11 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "common/JSONDefinitions.h"
 #include "common/Quote.h"
+#include "common/Signal.h"
 #include "core/JsonText.h"
 #include "core/Log.h"
 #include "core/Replies.h"
@@ -26,6 +28,7 @@ constexpr std::size_t kLargestPayloadBytes = std::size_t{1024} * 1024;
 struct Shutdown {
   std::mutex mutex;
   std::condition_variable requested;
+  std::function<void()> cancel;  ///< Guarded by the mutex; ends what cannot wait for `requested`.
 };
 
 /// Never destroyed: a termination may be announced until the very end of the process.
@@ -33,6 +36,21 @@ Shutdown& shutdown() {
   static auto* const instance = new Shutdown;
   return *instance;
 }
+
+/// Has a termination call `cancel` while this object lives.
+class Cancellable {
+ public:
+  explicit Cancellable(std::function<void()> cancel) { set(std::move(cancel)); }
+  Cancellable(const Cancellable&) = delete;
+  Cancellable& operator=(const Cancellable&) = delete;
+  ~Cancellable() { set(nullptr); }
+
+ private:
+  static void set(std::function<void()> cancel) {
+    const std::scoped_lock lock(shutdown().mutex);
+    shutdown().cancel = std::move(cancel);
+  }
+};
 
 /// What is asked on "a/b/c" is answered on "b/c/a", what is asked on a topic without "/" nowhere.
 std::optional<std::string> replyTopic(const std::string& topic) {
@@ -81,15 +99,32 @@ void Dispatcher::run() {
   constexpr int kGreatestQos = 2;
   try {
     client_->subscribe(topic::request("+"), this);
-    client_->connect(kKeepSession, kGreatestQos, kBusHost);
+    {
+      const Cancellable connecting([this] { stop(); });
+      client_->connect(kKeepSession, kGreatestQos, kBusHost);
+    }
     waitForShutdown();
-    // A request that waits for the writer would hold up the disconnect.
-    database_->hurry();
-    client_->disconnect();
+    stop();
   } catch (const ipc::IPCException& error) {
+    if (common::signal::isTerminating()) {
+      logger().info() << "Ending: " << error.what();
+      return;
+    }
     logger().error() << error.what();
     throw std::runtime_error(error.what());
   }
+}
+
+/// The callback thread serves requests until the client has disconnected. What these change is announced
+/// before they are answered, since the messenger has stopped.
+void Dispatcher::stop() {
+  if (database_) {
+    database_->hurry();  // a request that waits for the writer would hold up the disconnect
+  }
+  if (messenger_) {
+    messenger_->stop();
+  }
+  client_->disconnect();
 }
 
 void Dispatcher::connectionLost(const std::string& cause) {
@@ -145,6 +180,13 @@ std::string Dispatcher::answer(const Json::Value& request) {
 
 void terminate(int /*signal*/) {
   const std::scoped_lock lock(shutdown().mutex);
+  if (shutdown().cancel) {
+    try {
+      shutdown().cancel();
+    } catch (const ipc::IPCException& error) {
+      logger().error() << error.what();
+    }
+  }
   shutdown().requested.notify_one();
 }
 

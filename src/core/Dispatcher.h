@@ -19,14 +19,15 @@ namespace propertyservice {
 /// Answers the requests that arrive on "<sender>/prop-service" on "prop-service/<sender>".
 ///
 /// Requests are served one at a time, in the order of their arrival, on the bus client's callback thread;
-/// what a handler throws is left to the bus client. `run` belongs to the main thread.
+/// what a handler throws is logged and left to the bus client. `run` belongs to the main thread.
 class Dispatcher : public ipc::IIPCCallback {
  public:
   Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<IDatabaseService> database,
              std::unique_ptr<IDatabaseBackup> backup, std::unique_ptr<IMessenger> messenger);
 
-  /// Serves requests until a termination. Throws `std::runtime_error`, after logging it, when the bus fails
-  /// to subscribe, connect or disconnect.
+  /// Serves requests until a termination, which also cancels a connect that is under way. What was changed
+  /// until then is announced before it disconnects. Throws `std::runtime_error`, after logging it, when the
+  /// bus fails to subscribe, connect or disconnect, unless a termination has been asked for.
   void run();
 
   void connectionLost(const std::string& cause) override;
@@ -42,6 +43,8 @@ class Dispatcher : public ipc::IIPCCallback {
 
  private:
   using Handler = std::function<std::string(const Json::Value& request)>;
+
+  void stop();
 
   /// The reply to a request, as text. So it is with every handler.
   std::string answer(const Json::Value& request);
@@ -67,8 +70,8 @@ class Dispatcher : public ipc::IIPCCallback {
   std::map<Json::Value, Handler> handlers_;  // by request name; constant after construction
 };
 
-/// Ends a `Dispatcher::waitForShutdown` that is under way. A handler for
-/// `common::signal::registerCustomHandler`; it locks, so it must run in ordinary thread context.
+/// Ends a `Dispatcher::waitForShutdown` that is under way, or cancels the connect of `Dispatcher::run`. A
+/// handler for `common::signal::registerCustomHandler`; it locks, so it must run in ordinary thread context.
 void terminate(int signal);
 
 }  // namespace propertyservice

@@ -10,7 +10,7 @@
 
 namespace propertyservice {
 
-/// Announces changed properties to whoever listens on the bus. Every operation returns at once.
+/// Announces changed properties to whoever listens on the bus. Every operation but `stop` returns at once.
 class IMessenger {
  public:
   virtual ~IMessenger() = default;
@@ -25,6 +25,10 @@ class IMessenger {
 
   virtual void publishGroup(const std::string& group, std::string payload) = 0;
   virtual void publishAll(std::string payload) = 0;
+
+  /// Returns after everything announced so far has been handed to the bus; from then on each announcement is
+  /// before it returns. For a messenger without a queue that is always so.
+  virtual void stop() {}
 };
 
 }  // namespace propertyservice

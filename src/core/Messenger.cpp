@@ -60,12 +60,24 @@ void Messenger::notifyList(std::vector<Property>& properties) {
 }
 
 void Messenger::publishGroup(const std::string& group, std::string payload) {
-  queue_->push({topic::changes(group), std::move(payload)});
+  announce({topic::changes(group), std::move(payload)});
 }
 
 void Messenger::publishAll(std::string payload) {
   static const std::string kTopic = topic::changes(topic::kAllGroups);
-  queue_->push({kTopic, std::move(payload)});
+  announce({kTopic, std::move(payload)});
+}
+
+void Messenger::stop() {
+  const std::scoped_lock lock(stopping_);
+  queue_->stop();
+}
+
+void Messenger::announce(Message message) {
+  if (!queue_->tryPush(message)) {
+    const std::scoped_lock lock(stopping_);  // what was announced before goes first
+    publish(message);
+  }
 }
 
 void Messenger::publish(const Message& message) const {

@@ -38,13 +38,17 @@ class ActiveQueue {
   virtual ~ActiveQueue() { stop(); }
 
   /// Drops the element when the queue has been stopped.
-  void push(T element) {
+  void push(T element) { tryPush(element); }
+
+  /// Takes the element, or returns false and leaves it alone when the queue has been stopped.
+  bool tryPush(T& element) {
     const std::scoped_lock lock(mutex_);
     if (stopped_) {
-      return;
+      return false;
     }
     queue_.push(std::move(element));
     wakeUp_.notify_one();
+    return true;
   }
 
   /// Lets the worker handle what has been pushed and waits for its end; does not wait when the worker itself

@@ -1,7 +1,11 @@
 #include <atomic>
+#include <chrono>
+#include <csignal>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 
+#include "common/Signal.h"
 #include "core/Dispatcher.h"
 #include "support/DispatcherFixture.h"
 #include "support/Eventually.h"
@@ -339,6 +343,63 @@ TEST_F(DispatcherRunTest, failsWithTheWait) {
 
 TEST_F(DispatcherRunTest, failsWithTheDisconnection) {
   expectFailureOf("disconnect");
+}
+
+TEST(DispatcherStop, announcesEverythingBeforeItDisconnects) {
+  /// A queue that is emptied by the stop alone.
+  class SlowMessenger : public test::FakeMessenger {
+   public:
+    explicit SlowMessenger(FakeIPCClient& client) : client_(client) {}
+    void stop() override { client_.calls.emplace_back("stop"); }
+
+   private:
+    FakeIPCClient& client_;
+  };
+  class Brief : public Dispatcher {
+   public:
+    using Dispatcher::Dispatcher;
+    void waitForShutdown() override {}
+  };
+  const auto client = std::make_shared<FakeIPCClient>();
+  Brief dispatcher(client, nullptr, nullptr, std::make_unique<SlowMessenger>(*client));
+
+  dispatcher.run();
+
+  EXPECT_THAT(client->calls,
+              ElementsAre("subscribe +/prop-service", "connect 0 2 localhost", "stop", "disconnect"));
+}
+
+/// A broker that never answers: only a disconnect ends the connect.
+class SilentBus : public FakeIPCClient {
+ public:
+  void connect(int /*cleanSession*/, int /*maxQos*/, const std::string& /*host*/) override {
+    connecting = true;
+    test::eventually([this] { return disconnected.load(); }, std::chrono::minutes(1));
+    throw ipc::IPCException("connect: cancelled");
+  }
+  void disconnect() override { disconnected = true; }
+
+  std::atomic<bool> connecting = false;
+  std::atomic<bool> disconnected = false;
+};
+
+TEST(DispatcherStop, cancelsAConnectThatWaits) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // signals belong to a process
+  EXPECT_EXIT(
+      {
+        const auto bus = std::make_shared<SilentBus>();
+        Dispatcher dispatcher(bus, nullptr, nullptr, nullptr);
+        common::signal::registerHandler();
+        common::signal::registerCustomHandler(SIGTERM, terminate);
+        std::thread main([&dispatcher] { dispatcher.run(); });
+        test::eventually([&bus] { return bus->connecting.load(); });
+
+        kill(getpid(), SIGTERM);
+
+        main.join();
+        _exit(0);
+      },
+      testing::ExitedWithCode(0), "Ending: connect: cancelled");
 }
 
 TEST_F(DispatcherTest, waitsUntilItIsTerminated) {

@@ -1,3 +1,5 @@
+#include <thread>
+
 #include "core/Constants.h"
 #include "core/Messenger.h"
 #include "support/Eventually.h"
@@ -60,6 +62,41 @@ TEST_F(MessengerTest, returnsKeyAndValueOfAChangeAndSetsItsStatusToOk) {
   EXPECT_EQ(key, "Audio.Volume");
   EXPECT_EQ(value, Json::Value("5"));
   EXPECT_EQ(property.status(), Status::Ok);
+}
+
+TEST_F(MessengerTest, hasPublishedEverythingWhenItHasStopped) {
+  for (int i = 0; i < 1000; ++i) {
+    messenger->publishAll(std::to_string(i));
+  }
+
+  messenger->stop();
+
+  EXPECT_EQ(client->published().size(), 1000U);
+}
+
+TEST_F(MessengerTest, publishesAtOnceWhatIsAnnouncedAfterTheStop) {
+  messenger->stop();
+
+  messenger->publishAll("late");
+
+  EXPECT_THAT(client->published(), ElementsAre(Message{"prop-service-groupnotify/any", "late", 1}));
+}
+
+TEST_F(MessengerTest, keepsTheOrderWhenItIsStoppedMeanwhile) {
+  constexpr int kMessages = 2000;
+  std::thread stopper([this] {
+    test::eventually([this] { return client->published().size() > 100; });
+    messenger->stop();
+  });
+
+  std::vector<Message> announced;
+  for (int i = 0; i < kMessages; ++i) {
+    messenger->publishAll(std::to_string(i));
+    announced.push_back({"prop-service-groupnotify/any", std::to_string(i), 1});
+  }
+
+  stopper.join();
+  EXPECT_EQ(client->published(), announced);
 }
 
 TEST_F(MessengerTest, publishesNothingThatDidNotChange) {

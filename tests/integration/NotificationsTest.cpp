@@ -129,5 +129,37 @@ TEST_F(Notifications, comeInTheOrderOfTheChanges) {
   EXPECT_EQ(allChanges(), expected);
 }
 
+TEST_F(Notifications, areNotLostInAStopRightAfterTheAnswer) {
+  constexpr std::size_t kStops = 40;
+
+  for (std::size_t stop = 1; stop <= kStops; ++stop) {
+    const std::string value = "bell " + std::to_string(stop);
+    ASSERT_EQ(device_.set("Audio.Ringtone", value)["status"], "Ok");
+
+    ASSERT_EQ(device_.stop(), 0);
+
+    ASSERT_TRUE(device_.panel().waitForMessages("prop-service-audio/any", stop, std::chrono::seconds(2)))
+        << stop;
+    ASSERT_TRUE(device_.panel().waitForMessages(kAll, stop, std::chrono::seconds(2))) << stop;
+    device_.start();
+  }
+}
+
+TEST_F(Notifications, ofEveryAnsweredChangeComeBeforeTheEndOfABurst) {
+  constexpr int kWrites = 3000;
+  for (int i = 0; i < kWrites; ++i) {
+    device_.panel().sendRequest(makeRequest("setV", "Audio.Ringtone", std::to_string(i)));
+  }
+  ASSERT_TRUE(device_.panel().waitForMessages(device_.panel().replyTopic(), 100));
+
+  ASSERT_EQ(device_.stop(), 0);
+
+  device_.panel().publish("mark/any", "");  // comes after all that the broker has got from the service
+  ASSERT_TRUE(device_.panel().waitForMessages("mark/any", 1));
+  const std::size_t answered = received(device_.panel().replyTopic()).size();
+  EXPECT_GE(received(kAll).size(), answered);
+  EXPECT_GE(received("prop-service-audio/any").size(), answered);
+}
+
 }  // namespace
 }  // namespace propertyservice::test

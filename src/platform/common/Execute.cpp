@@ -7,11 +7,14 @@
 #include <climits>
 #include <csignal>
 #include <fcntl.h>
+#include <mutex>
 #include <poll.h>
+#include <set>
 #include <spawn.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 #include "common/Descriptor.h"
@@ -90,11 +93,66 @@ bool hasEnded(pid_t pid) {
   return waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == pid;
 }
 
-int waitFor(pid_t pid) {
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+void waitForEnd(pid_t pid) {
+  siginfo_t end{};
+  while (waitid(P_PID, static_cast<id_t>(pid), &end, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
   }
-  return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+/// The shells that `execute` waits for. The lock keeps their process ids from being used again.
+class Shells {
+ public:
+  pid_t start(const SpawnSettings& settings, const std::string& command) {
+    const std::scoped_lock lock(mutex_);
+    check(killed_ ? ECANCELED : 0, "Cannot start /bin/sh");
+    return *running_.insert(settings.startShell(command)).first;
+  }
+
+  /// Returns the exit status. REQUIRES: the shell has ended.
+  int reap(pid_t shell) {
+    const std::scoped_lock lock(mutex_);
+    running_.erase(shell);
+    int status = 0;
+    waitpid(shell, &status, 0);
+    check(killed_ && WIFSIGNALED(status) ? ECANCELED : 0, "Command");
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+  }
+
+  void killAll() {
+    const std::scoped_lock lock(mutex_);
+    killed_ = true;
+    signalAll();
+  }
+
+  void killAllForGood() {
+    mutex_.lock();
+    signalAll();
+    const Clock::time_point deadline = Clock::now() + kDeathWithin;
+    const auto anyRuns = [this] { return !std::all_of(running_.begin(), running_.end(), hasEnded); };
+    while (anyRuns() && Clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
+ private:
+  /// Longer only for a process that the kernel holds, as on a disk that does not answer.
+  static constexpr std::chrono::milliseconds kDeathWithin{300};
+
+  void signalAll() const {
+    for (const pid_t shell : running_) {
+      kill(-shell, SIGKILL);
+    }
+  }
+
+  std::mutex mutex_;
+  std::set<pid_t> running_;  // guarded by mutex_
+  bool killed_ = false;      // guarded by mutex_
+};
+
+Shells& shells() {
+  // Never destroyed: a process may be told to end at any time.
+  static auto* const instance = new Shells;
+  return *instance;
 }
 
 int remainingMs(Clock::time_point deadline) {
@@ -141,17 +199,26 @@ ExecuteResult execute(const std::string& command, unsigned timeoutMs) {
   Descriptor writeEnd(ends[1]);
   fcntl(readEnd.get(), F_SETFL, O_NONBLOCK);
 
-  const pid_t shell = SpawnSettings(writeEnd.get()).startShell(command);
+  const pid_t shell = shells().start(SpawnSettings(writeEnd.get()), command);
   writeEnd.reset();
 
   ExecuteResult result{};
   result.timedOut = !collect(readEnd, shell, deadline, result.output);
   if (result.timedOut) {
     kill(-shell, SIGKILL);
+    waitForEnd(shell);
   }
-  result.status = waitFor(shell);
+  result.status = shells().reap(shell);
   drain(readEnd, result.output);
   return result;
+}
+
+void killCommands() {
+  shells().killAll();
+}
+
+void killCommandsForGood() {
+  shells().killAllForGood();
 }
 
 }  // namespace os

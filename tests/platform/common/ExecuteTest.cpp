@@ -188,6 +188,33 @@ TEST(Execute, runsCommandsOfSeveralThreadsAtOnce) {
   }
 }
 
+/// Kills for good, so it belongs into a process of its own.
+TEST(Execute, throwsOnceCommandsHaveBeenKilled) {
+  EXPECT_EXIT(
+      {
+        int thrown = 0;
+        const auto run = [&thrown] {
+          try {
+            execute("sleep 60", kLongMs);
+          } catch (const std::system_error&) {
+            ++thrown;
+          }
+        };
+        std::thread killer([] {
+          while (execute("pgrep -x sleep -P $(pgrep -P $PPID sh | head -1)", kLongMs).status != 0) {
+          }
+          killCommands();
+        });
+
+        run();
+        run();
+
+        killer.join();
+        _exit(thrown == 2 ? 0 : 1);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
 TEST(Execute, throwsWhenTheShellCannotBeStarted) {
   const std::string tooLong(8'000'000, 'x');
 

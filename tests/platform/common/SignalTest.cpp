@@ -3,9 +3,11 @@
 #include <csignal>
 #include <cstdlib>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
+#include "common/Execute.h"
 #include "common/Signal.h"
 #include "support/Eventually.h"
 
@@ -32,6 +34,15 @@ void count(int signal) {
 
 void raiseForTheProcess(int signal) {
   kill(getpid(), signal);
+}
+
+/// Whether SIGTERM and SIGINT were blocked when the first constructor of this program ran.
+bool blockedBeforeConstructors = false;
+
+[[gnu::constructor(101)]] void noteBlockedSignals() {
+  sigset_t blocked;
+  sigprocmask(SIG_BLOCK, nullptr, &blocked);
+  blockedBeforeConstructors = sigismember(&blocked, SIGTERM) == 1 && sigismember(&blocked, SIGINT) == 1;
 }
 
 /// Signals belong to a process, so every case runs in one of its own, started anew.
@@ -231,6 +242,81 @@ TEST_F(SignalTest, survivesSighupAndSigpipe) {
         finish(true);
       },
       ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, blocksTheTerminationSignalsBeforeAnyConstructorRuns) {
+  EXPECT_TRUE(blockedBeforeConstructors);
+}
+
+TEST_F(SignalTest, exitsAtATerminationBeforeTheRegistration) {
+  for (const int signal : {SIGTERM, SIGINT}) {
+    EXPECT_EXIT(
+        {
+          registerCustomHandler(SIGTERM, [](int) { finish(false); });
+          raiseForTheProcess(signal);
+          exitUntilRegistered();
+
+          std::this_thread::sleep_for(20s);
+          finish(false);
+        },
+        ExitedWithCode(0), "");
+  }
+}
+
+TEST_F(SignalTest, killsWhatRunsWhenItExitsBeforeTheRegistration) {
+  EXPECT_EXIT(
+      {
+        exitUntilRegistered();
+        os::execute("kill -TERM $PPID; trap '' TERM; sleep 20; echo survived >&2", 30'000);
+        finish(false);
+      },
+      ExitedWithCode(0), "^$");
+}
+
+TEST_F(SignalTest, announcesATerminationAfterTheRegistration) {
+  EXPECT_EXIT(
+      {
+        exitUntilRegistered();
+        registerHandler();
+        registerCustomHandler(SIGTERM, count);
+        const bool before = isTerminating();
+
+        raiseForTheProcess(SIGTERM);
+
+        finish(eventually([] { return calls > 0; }) && !before && isTerminating());
+      },
+      ExitedWithCode(0), "");
+}
+
+TEST_F(SignalTest, cutsAStopOffThatTakesLongerThanFourSeconds) {
+  const auto start = steady_clock::now();
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        registerCustomHandler(SIGTERM, [](int) { std::this_thread::sleep_for(1h); });
+
+        raiseForTheProcess(SIGTERM);
+
+        std::this_thread::sleep_for(20s);
+        finish(false);
+      },
+      ExitedWithCode(0), "is cut off; changes that could not be written are lost");
+  EXPECT_GT(steady_clock::now() - start, 3s);
+}
+
+TEST_F(SignalTest, killsACommandThatOutlastsTheStop) {
+  EXPECT_EXIT(
+      {
+        registerHandler();
+        raiseForTheProcess(SIGTERM);
+        try {
+          os::execute("sleep 20", 30'000);
+        } catch (const std::system_error&) {
+          finish(true);
+        }
+        finish(false);
+      },
+      ExitedWithCode(0), "^$");
 }
 
 TEST_F(SignalTest, endsAProcessThatLeavesMainWhileTheThreadWaits) {
