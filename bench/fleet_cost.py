@@ -186,9 +186,10 @@ def connect(context, serial):
     """As the bridge does, with two controllers."""
     client = Client(8883, context, serial, f"devices/{serial}/online")
     client.publish(f"devices/{serial}/online", "1", retained=True)
+    client.publish(f"devices/{serial}/services/prop-service/online", "1", retained=True)
     for controller in ("fleet", "support"):
         client.send(packet(0x82, client.next_id() + text(f"devices/{serial}/{controller}/prop-service") + b"\1"))
-    for kind in (0x40, 0x90, 0x90):
+    for kind in (0x40, 0x40, 0x90, 0x90):
         client.expect(kind)
     return client
 

@@ -59,6 +59,17 @@ TEST_F(BrokenLink, bringsALateAnswerAndLateNotificationsButNoLateRequest) {
   EXPECT_EQ(device(3).valueOf("Audio.Volume"), "5");
 }
 
+TEST_F(BrokenLink, tellsAfterwardsThatTheServiceHasGoneMeanwhile) {
+  device(1).link().down();
+  ASSERT_TRUE(isOffline(device(1)));
+  device(1).stopDaemon();
+  ASSERT_THAT(fleet_->received(topicOf(device(1), "services/prop-service/online")).back(), "1");
+
+  device(1).link().up();
+
+  EXPECT_TRUE(hearsOfTheService(device(1), "0"));
+}
+
 /// How many milliseconds after the request each device's link breaks, -1 for before it: FLEET_CUTS_MS="-1 10
 /// 200" tries others.
 std::array<int, 3> cutsMs() {

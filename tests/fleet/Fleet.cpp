@@ -87,10 +87,13 @@ Certificate Authorities::issue(const std::string& kind, const std::string& varia
 }
 
 std::string Authorities::runDocumented(const std::string& program, const std::string& variables) const {
-  return runIn(
-      directory_.path(),
-      std::string("PATH=") + PROPCTL_DIRECTORY + ":$PATH centre=" + Centre::kAddress + " " + variables,
-      documentedCommands("docs/fleet.md", program).front());
+  const std::string settings =
+      std::string("PATH=") + PROPCTL_DIRECTORY + ":$PATH centre=" + Centre::kAddress + " " + variables;
+  std::string output;
+  for (const std::string& command : documentedCommands("docs/fleet.md", program)) {
+    output += runIn(directory_.path(), settings, command);
+  }
+  return output;
 }
 
 Centre::Centre(const Authorities& authorities) : host_("centre") {

@@ -21,7 +21,7 @@ class Authorities {
 
   std::string path(const std::string& file) const { return directory_.path(file); }
 
-  /// Runs the documented command of `program` where the certificates are; its output.
+  /// Runs the documented commands of `program` where the certificates are; their output.
   std::string runDocumented(const std::string& program, const std::string& variables) const;
 
  private:

@@ -38,7 +38,7 @@ class Fleet : public testing::Test {
     fleet_ = controller("fleet");
     for (const auto& device : devices_) {
       device->waitForDaemon();
-      if (!isOnline(*device)) {
+      if (!isOnline(*device) || !hearsOfTheService(*device, "1")) {
         throw std::runtime_error(device->serial() + " does not come to the centre:\n" + device->brokerLog());
       }
     }
@@ -48,11 +48,16 @@ class Fleet : public testing::Test {
   std::unique_ptr<CentralClient> controller(const std::string& name) {
     return std::make_unique<CentralClient>(
         name, Centre::kControllers, authorities_.issueController(name),
-        std::vector<std::string>{"devices/+/online", "devices/+/prop-service/" + name, "devices/+/+/any"});
+        std::vector<std::string>{"devices/+/online", "devices/+/services/prop-service/online",
+                                 "devices/+/prop-service/" + name, "devices/+/+/any"});
   }
 
   bool isOnline(const FleetDevice& device) { return fleet_->waitFor(topicOf(device, "online"), "1"); }
   bool isOffline(const FleetDevice& device) { return fleet_->waitFor(topicOf(device, "online"), "0"); }
+
+  bool hearsOfTheService(const FleetDevice& device, const std::string& presence) {
+    return fleet_->waitFor(topicOf(device, "services/prop-service/online"), presence);
+  }
 
   /// Asks until the device answers: it comes online a moment before it hears.
   bool reaches(const FleetDevice& device) {

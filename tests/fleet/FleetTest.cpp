@@ -52,11 +52,14 @@ TEST_F(Fleet, carriesNothingElseUp) {
   for (const CentralClient::Message& message : observer.received()) {
     topics.insert(message.topic);
   }
-  EXPECT_THAT(topics, UnorderedElementsAre("devices/HX-0001/online", "devices/HX-0002/online",
-                                           "devices/HX-0003/online", "devices/HX-0001/fleet/prop-service",
-                                           "devices/HX-0001/prop-service/fleet",
-                                           "devices/HX-0001/prop-service-audio/any",
-                                           "devices/HX-0001/prop-service-groupnotify/any"));
+  EXPECT_THAT(topics,
+              UnorderedElementsAre("devices/HX-0001/online", "devices/HX-0002/online",
+                                   "devices/HX-0003/online", "devices/HX-0001/services/prop-service/online",
+                                   "devices/HX-0002/services/prop-service/online",
+                                   "devices/HX-0003/services/prop-service/online",
+                                   "devices/HX-0001/fleet/prop-service", "devices/HX-0001/prop-service/fleet",
+                                   "devices/HX-0001/prop-service-audio/any",
+                                   "devices/HX-0001/prop-service-groupnotify/any"));
 }
 
 TEST_F(Fleet, carriesNothingDownButRequestsOfTheControllersThatADeviceObeys) {
@@ -116,6 +119,24 @@ TEST_F(Fleet, tellsThatADeviceIsBack) {
   EXPECT_TRUE(isOnline(device(2)));
 }
 
+TEST_F(Fleet, tellsWhetherTheServiceOfADeviceIsThere) {
+  device(1).stopDaemon();
+  device(2).daemon().kill();
+
+  EXPECT_TRUE(hearsOfTheService(device(1), "0"));
+  EXPECT_TRUE(hearsOfTheService(device(2), "0"));
+  const auto support = controller("support");
+  support->settle();
+  EXPECT_THAT(support->received("devices/HX-0001/online"), ElementsAre("1"));
+  EXPECT_THAT(support->received("devices/HX-0001/services/prop-service/online"), ElementsAre("0"));
+  EXPECT_THAT(support->received("devices/HX-0002/services/prop-service/online"), ElementsAre("0"));
+  EXPECT_THAT(support->received("devices/HX-0003/services/prop-service/online"), ElementsAre("1"));
+
+  fleet_->forget();
+  device(1).launchDaemon();
+  EXPECT_TRUE(hearsOfTheService(device(1), "1"));
+}
+
 TEST_F(Fleet, hearsOfADeviceThatStartsBeforeItsNetworkIsThere) {
   device(2).stopBroker();
   ASSERT_TRUE(isOffline(device(2)));
@@ -143,7 +164,7 @@ TEST_F(Fleet, listsAllDevicesBeforeTheMark) {
   support->settle();
 
   const std::vector<CentralClient::Message> messages = support->received();
-  EXPECT_EQ(messages.size(), kMany + devices_.size() + 1);
+  EXPECT_EQ(messages.size(), kMany + 2 * devices_.size() + 1);
   EXPECT_FALSE(messages.back().retained);
 }
 
@@ -157,6 +178,7 @@ TEST_F(Fleet, forgetsADeviceThatIsGoneForGood) {
   support->settle();
 
   EXPECT_THAT(support->received("devices/HX-0003/online"), IsEmpty());
+  EXPECT_THAT(support->received("devices/HX-0003/services/prop-service/online"), IsEmpty());
 }
 
 TEST_F(Fleet, answersWhatWasAskedWhileTheDaemonRestarts) {

@@ -31,6 +31,7 @@ TEST_F(Intruder, writesNothingInAnotherDevicesBranch) {
   intruder_.publish("devices/HX-0001/prop-service/fleet", "forged");
   intruder_.publish("devices/HX-0001/prop-service-audio/any", "forged");
   intruder_.publish("devices/HX-0001/online", "0", true);
+  intruder_.publish("devices/HX-0001/services/prop-service/online", "0", true);
   fleet_->settle();
 
   EXPECT_EQ(fleet_->received().size(), 1U) << "more than the mark";

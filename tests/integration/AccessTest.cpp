@@ -83,7 +83,7 @@ TEST_F(Access, hidesRequestsAndRepliesOfOthers) {
   web_->settle();
 
   for (const BusClient::Message& message : web_->received()) {
-    EXPECT_EQ(message.topic, "prop-service/web");
+    EXPECT_THAT(message.topic, testing::AnyOf("prop-service/web", "services/prop-service/online"));
   }
 }
 
@@ -109,6 +109,29 @@ TEST_F(Access, refusesAForgedNotification) {
   ASSERT_TRUE(panel_->waitForMessages("prop-service-groupnotify/any", 1));
   EXPECT_EQ(panel_->received("prop-service-audio/any").size(), 1U);
   EXPECT_EQ(panel_->received("prop-service-groupnotify/any").size(), 1U);
+}
+
+TEST_F(Access, letsEveryClientSeeThePresenceOfTheService) {
+  launch();
+
+  const auto panel = client("panel", {"services/+/online"});
+
+  EXPECT_TRUE(panel->waitForMessages("services/prop-service/online", 1));
+  EXPECT_EQ(panel->received("services/prop-service/online"), std::vector<std::string>{"1"});
+}
+
+TEST_F(Access, refusesAForgedPresence) {
+  launch();
+  const auto panel = client("panel", {"services/+/online"});
+  ASSERT_TRUE(panel->waitForMessages("services/prop-service/online", 1));
+
+  web_->publish("services/prop-service/online", "0", 1, true);
+  web_->publish("services/web/online", "1", 1, true);
+  web_->settle();
+  panel->settle();
+
+  EXPECT_EQ(panel->received("services/prop-service/online"), std::vector<std::string>{"1"});
+  EXPECT_TRUE(panel->received("services/web/online").empty());
 }
 
 TEST_F(Access, refusesAClientWithoutAName) {
