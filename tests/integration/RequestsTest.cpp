@@ -1,4 +1,7 @@
+#include <csignal>
+
 #include "support/Device.h"
+#include "support/FirstInPath.h"
 
 // Each request and its reply, word for word, as a client on the bus sees them.
 
@@ -258,6 +261,39 @@ TEST_F(Requests, areServedToPublicClients) {
   EXPECT_EQ(run({"mosquitto_rr", "-h", "127.0.0.1", "-W", "10", "-t", "cli/prop-service", "-e",
                  "prop-service/cli", "-m", R"({"method":"getV","param":"Audio.Codec"})"}),
             "{\"param\":\"Audio.Codec\",\"result\":\"opus\",\"status\":\"Ok\"}\n\n");
+}
+
+TEST_F(Requests, areAnsweredBeforeASlowOneThatFollowsIsServed) {
+  device_.stop();
+  const FirstInPath shell("sqlite3", R"(until [ -e "$(dirname "$0")/go" ]; do sleep 0.05; done
+exec /usr/bin/sqlite3 "$@")");
+  device_.start();
+  BusClient observer("observer", {"+/prop-service"});
+  BusClient& panel = device_.panel();
+  panel.forget();
+
+  // All seven wait in the daemon's socket when it goes on.
+  device_.daemon().signal(SIGSTOP);
+  for (int read = 0; read < 6; ++read) {
+    panel.sendRequest(makeRequest("getV", "Audio.Volume"));
+  }
+  panel.send(R"({"method":"makeBackup"})");
+  ASSERT_TRUE(observer.waitForMessages("panel/prop-service", 7));
+  device_.daemon().signal(SIGCONT);
+
+  EXPECT_TRUE(panel.waitForMessages(panel.replyTopic(), 6, std::chrono::seconds(8)));
+  EXPECT_EQ(panel.received(panel.replyTopic()).size(), 6U);
+  Device::writeFile(shell.path("go"), "");
+  ASSERT_TRUE(panel.waitForMessages(panel.replyTopic(), 7));
+  EXPECT_EQ(panel.received(panel.replyTopic()).back(), "{\"status\":\"Ok\"}\n");
+}
+
+TEST_F(Requests, areLoggedWithTheirNameAndTheirSenderWhenTheyCannotBeServed) {
+  device_.panel().send(R"({"method":"getV","param":[1]})");
+  device_.panel().settle();
+
+  EXPECT_EQ(device_.logLines("PROP-SRV error core/Dispatcher:").size(), 1U);
+  EXPECT_EQ(device_.logLines("No reply to \"getV\" of \"panel\": ").size(), 1U);
 }
 
 }  // namespace

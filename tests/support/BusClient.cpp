@@ -75,9 +75,9 @@ void BusClient::Destroy::operator()(mosquitto* client) const {
   mosquitto_destroy(client);
 }
 
-void BusClient::publish(const std::string& topic, const std::string& payload, int qos) {
+void BusClient::publish(const std::string& topic, const std::string& payload, int qos, bool retained) {
   check(mosquitto_publish(client_.get(), nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                          payload.data(), qos, false),
+                          payload.data(), qos, retained),
         "publish");
 }
 

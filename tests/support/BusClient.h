@@ -32,7 +32,7 @@ class BusClient {
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
 
-  void publish(const std::string& topic, const std::string& payload, int qos = 1);
+  void publish(const std::string& topic, const std::string& payload, int qos = 1, bool retained = false);
 
   /// Sends a request from this client.
   void send(const std::string& payload, int qos = 1) { publish(name_ + "/prop-service", payload, qos); }
