@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <utility>
 
 #include <mosquitto.h>
 
@@ -136,6 +137,11 @@ bool BusClient::waitForMessages(const std::string& topic, std::size_t wanted,
 void BusClient::forget() {
   const std::lock_guard lock(mutex_);
   messages_.clear();
+}
+
+std::vector<BusClient::Message> BusClient::take() {
+  const std::lock_guard lock(mutex_);
+  return std::exchange(messages_, {});
 }
 
 void BusClient::settle() {

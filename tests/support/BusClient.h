@@ -52,6 +52,8 @@ class BusClient {
   bool waitForMessages(const std::string& topic, std::size_t count,
                        std::chrono::milliseconds patience = kPatience);
   void forget();
+  /// Everything received since it was taken last, which is forgotten.
+  std::vector<Message> take();
 
   /// Returns when everything that the service sent before is here: asks it a question and waits for the
   /// answer.
