@@ -1,14 +1,17 @@
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <string>
 #include <sys/stat.h>
 #include <tuple>
 #include <utility>
 
 #include "cmdlineparser/CmdLineParser.h"
+#include "common/ServiceManager.h"
 #include "common/Signal.h"
 #include "core/Dispatcher.h"
 #include "core/Init.h"
@@ -28,6 +31,7 @@ constexpr unsigned kStartLogMask = 14;
 
 int main(int argc, char* argv[]) {
   common::signal::exitUntilRegistered();  // the files survive a start-up that is cut off anywhere
+  const auto start = std::chrono::steady_clock::now();
   dbg::DebugStreamBuf::setMask(kStartLogMask);
   // Passwords are in the database and in backups: what is made from here on is for the owner alone.
   umask(S_IRWXG | S_IRWXO);
@@ -52,23 +56,33 @@ int main(int argc, char* argv[]) {
   const bool forceDbInit = parser.checkOptionPassed("force-db-init");
   const bool dropState = parser.checkOptionPassed("drop-state");
 
+  auto& manager = common::ServiceManager::instance();
   std::optional<StoreLock> lock;
+  InitContext init;  // shares the database, which must be closed while the lock is held
   std::shared_ptr<IDatabaseService> database;
   std::unique_ptr<IDatabaseBackup> backup;
   try {
     lock.emplace(DevicePaths());
-    std::tie(database, backup) = InitContext().initializeDatabases(forceDbInit, dropState);
+    std::tie(database, backup) = init.initializeDatabases(forceDbInit, dropState);
   } catch (const std::exception& exception) {
     logger().error() << exception.what() << "\nCRITICAL. Database was not initialized. Exitting.";
     return EXIT_FAILURE;
   }
 
+  manager.setStatus("Connecting to the broker");
   const auto client = ipc::IPCFactory::createInstanceShared("prop-service", "localhost", false);
   Dispatcher dispatcher(client, std::move(database), std::move(backup), std::make_unique<Messenger>(client));
 
   common::signal::registerHandler();
   common::signal::registerCustomHandler(SIGTERM, terminate);
 
-  dispatcher.run();
+  dispatcher.run([&] {
+    const auto duration =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+    manager.setStatus("Serving " + std::to_string(init.propertyCount()) + " properties");
+    manager.ready();
+    logger().info() << "Ready: version " PROPERTYSERVICE_VERSION ", " << init.propertyCount()
+                    << " properties, " << duration.count() << " ms";
+  });
   return EXIT_SUCCESS;
 }

@@ -9,6 +9,7 @@
 
 #include "common/JSONDefinitions.h"
 #include "common/Quote.h"
+#include "common/ServiceManager.h"
 #include "common/Signal.h"
 #include "core/JsonText.h"
 #include "core/Log.h"
@@ -94,7 +95,7 @@ Dispatcher::Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<
   handlers_[method::kRestore] = [this](const Json::Value&) { return restore(); };
 }
 
-void Dispatcher::run() {
+void Dispatcher::run(const std::function<void()>& onReady) {
   constexpr int kKeepSession = 0;
   constexpr int kGreatestQos = 2;
   try {
@@ -103,7 +104,9 @@ void Dispatcher::run() {
       const Cancellable connecting([this] { stop(); });
       client_->connect(kKeepSession, kGreatestQos, kBusHost);
     }
+    onReady();
     waitForShutdown();
+    common::ServiceManager::instance().stopping();
     stop();
   } catch (const ipc::IPCException& error) {
     if (common::signal::isTerminating()) {
@@ -133,6 +136,8 @@ void Dispatcher::connectionLost(const std::string& cause) {
 
 void Dispatcher::messageArrived(const std::string& topic, const std::string& payload) {
   constexpr int kQos = 1;
+  // Many that come at once may take longer than the watchdog allows.
+  common::ServiceManager::instance().alive();
   const auto answerTopic = replyTopic(topic);
   Json::Value request;
   // A reply on the request's own topic would come back as a request, and be answered for ever.

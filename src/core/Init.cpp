@@ -7,6 +7,7 @@
 
 #include "common/Execute.h"
 #include "common/FileSystem.h"
+#include "common/ServiceManager.h"
 #include "core/Customization.h"
 #include "core/DatabaseBackup.h"
 #include "core/Log.h"
@@ -79,20 +80,24 @@ std::vector<std::unique_ptr<Validator>> createValidators() {
 }
 
 /// A device without a single property must not come up as if it worked.
-std::unique_ptr<PersistentDatabaseCache> createCache(PersistentStorage& storage) {
+std::unique_ptr<PersistentDatabaseCache> createCache(PersistentStorage& storage, std::size_t& count) {
   auto cache = std::make_unique<PersistentDatabaseCache>();
   std::vector<Property> rows = storage.selectMultiple(std::string(kSqlWildcard));
   if (rows.empty()) {
     throw std::runtime_error("Cannot initialize cache");
   }
+  count = rows.size();
   cache->load(std::move(rows));
   return cache;
 }
 
 void finishPendingRestore(IDatabaseBackup& backup) {
+  auto& manager = common::ServiceManager::instance();
   if (backup.versionChangeBackupExists()) {
+    manager.setStatus("Restoring the settings of the last version");
     backup.restoreVersionChange();
   } else if (backup.factoryResetBackupExists()) {
+    manager.setStatus("Restoring what outlives a factory reset");
     backup.restoreFactoryReset();
   }
 }
@@ -116,7 +121,7 @@ InitContext::initializeDatabases(bool forceDbInit, bool dropState) {
   parameters.initDeviceNameInNetwork();
 
   auto validators = createValidators();
-  auto cache = createCache(*storage_);
+  auto cache = createCache(*storage_, propertyCount_);
   auto database = std::make_shared<Database>(std::move(storage_), std::move(cache), std::move(validators));
   service_ = std::make_shared<DatabaseService<std::shared_ptr<Database>>>(std::move(database),
                                                                           std::move(stateCache));
@@ -152,6 +157,7 @@ void InitContext::createPersistentStorage(bool forceDbInit) {
 /// 4. The database reaches the disk, whatever its script has told the shell about that.
 /// 5. `concludeCreation` removes the mark, before a client's first write could go with the database.
 void InitContext::createDatabase() {
+  common::ServiceManager::instance().setStatus("Making the database from " + paths_.creationScript);
   filesystem::create(paths_.unfinishedMark());
   filesystem::synchronize(paths_.databaseFolder());
   removeDatabase(paths_.database);

@@ -22,6 +22,9 @@ class InitContext {
   std::pair<std::shared_ptr<IDatabaseService>, std::unique_ptr<IDatabaseBackup>> initializeDatabases(
       bool forceDbInit, bool dropState);
 
+  /// The properties that were read from the database.
+  std::size_t propertyCount() const { return propertyCount_; }
+
  private:
   void createPersistentStorage(bool forceDbInit);
   void createDatabase();
@@ -30,6 +33,7 @@ class InitContext {
   const DevicePaths paths_;
   std::shared_ptr<IDatabaseService> service_;
   std::unique_ptr<PersistentStorage> storage_;
+  std::size_t propertyCount_ = 0;
 };
 
 }  // namespace propertyservice

@@ -1,5 +1,7 @@
 #include "database/WriteBehind.h"
 
+#include <array>
+#include <ctime>
 #include <exception>
 #include <iterator>
 #include <string>
@@ -7,6 +9,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "common/ServiceManager.h"
 #include "core/Constants.h"
 #include "core/Log.h"
 #include "database/PersistentStorageException.h"
@@ -30,6 +33,16 @@ void letRequestsGoFirst() {
   constexpr int kNice = 10;
   constexpr id_t kCallingThread = 0;
   setpriority(PRIO_PROCESS, kCallingThread, getpriority(PRIO_PROCESS, kCallingThread) + kNice);
+}
+
+/// The time as the log has it.
+std::string now() {
+  const std::time_t seconds = std::time(nullptr);
+  std::tm time{};
+  gmtime_r(&seconds, &time);
+  std::array<char, sizeof "2026-11-21T08:15:30Z"> text;
+  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &time);
+  return text.data();
 }
 
 /// True only for an answer of the table itself. Anything else, such as a lack of memory, may pass.
@@ -112,6 +125,7 @@ void WriteBehind::tryToWrite() {
   writeAll();
   if (failing_) {
     failing_ = false;
+    common::ServiceManager::instance().setTrouble("");
     logger().info() << "Database can be written again, properties that had been waiting: " << count;
   }
 }
@@ -123,6 +137,8 @@ void WriteBehind::reportFailure(const char* reason) noexcept {
   try {
     unwritten_ = lastOfEachKey(unwritten_, 1);
     if (begins) {
+      common::ServiceManager::instance().setTrouble("the database cannot be written since " + now() + ": " +
+                                                    reason);
       logger().error() << "Database cannot be written, properties that wait for it: " << unwritten_.size()
                        << ", reason: " << reason;
     }
