@@ -21,10 +21,17 @@ void readPasswordFile(const std::string& path, propclient::Options& options) {
   if (stat(path.c_str(), &file) != 0) {
     throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno));
   }
-  if (!S_ISREG(file.st_mode) || (file.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+  // Root may share a password with a group.
+  const mode_t others = file.st_uid == 0 ? S_IWGRP | S_IRWXO : S_IRWXG | S_IRWXO;
+  if (!S_ISREG(file.st_mode) || (file.st_mode & others) != 0) {
     throw Failure(ExitStatus::usage, path + ": must be a file that only its owner may read: chmod 600");
   }
   std::ifstream lines(path);
+  if (!lines) {
+    throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno) +
+                                         "; ask as root, as a member of the file's group, or with --user and "
+                                         "--password-file of your own");
+  }
   std::string first;
   std::string second;
   if (!std::getline(lines, first) || first.empty()) {

@@ -10,6 +10,7 @@
 #include <CLI/CLI.hpp>
 
 #include "client/propctl/Commands.h"
+#include "client/propctl/Configuration.h"
 #include "client/propctl/ConnectionOptions.h"
 #include "client/propctl/Fleet.h"
 #include "client/propctl/Text.h"
@@ -181,6 +182,28 @@ class CommandLine {
         ->type_name("SECONDS");
   }
 
+  void readConfigurationFiles() {
+    std::vector<Setting> given;
+    for (const CLI::Option* option : app_.get_options()) {
+      if (option->count() > 0 && !option->get_lnames().empty()) {
+        given.push_back({option->get_lnames().front(), option->results().back(), ""});
+      }
+    }
+    std::vector<std::vector<Setting>> files;
+    for (const std::string& path : configurationPaths()) {
+      files.push_back(readConfiguration(path));
+    }
+    for (const Setting& setting : addConfiguration(given, files)) {
+      CLI::Option* const option = app_.get_option("--" + setting.name);
+      try {
+        option->add_result(setting.value);
+        option->run_callback();
+      } catch (const CLI::ParseError& error) {
+        throw Failure(ExitStatus::usage, setting.source + ": " + escaped(error.what()));
+      }
+    }
+  }
+
   CLI::App* addVerb(const std::string& name, const std::string& text) {
     CLI::App* verb = app_.add_subcommand(name, text);
     verb->fallthrough();
@@ -191,6 +214,7 @@ class CommandLine {
     verb->callback([=, this] {
       run_ = [=, this](Output& output) {
         needs.arguments();
+        readConfigurationFiles();
         propclient::Options options = toOptions(connection_, needs.timeout);
         if (areSerials(device_)) {
           if (needs.oneDevice) {

@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include <gmock/gmock.h>
 
 #include "client/propctl/Propctl.h"
@@ -51,6 +53,36 @@ class PropctlConnection : public ::testing::Test {
 
 TEST_F(PropctlConnection, provesItselfWithAFileOfUserAndPassword) {
   EXPECT_EQ(askUntilAnswered("--password-file " + file("credentials") + " get Audio.Volume"), printed("5\n"));
+}
+
+TEST_F(PropctlConnection, findsItsPasswordInTheConfigurationOfTheSystem) {
+  Device::writeFile("/etc/propctl.conf", "user = field\npassword-file = " + file("credentials") + '\n');
+  askUntilAnswered("ping");
+
+  EXPECT_EQ(propctl("get Audio.Volume"), printed("5\n"));
+  EXPECT_EQ(shell("HOME=" + directory_.path() + " propctl get Audio.Volume"), printed("5\n"));
+  std::filesystem::create_directory(file(".config"));
+  write(".config/propctl.conf", "user = panel\npassword-file = ../panel\n");
+  write("panel", "panel\nwrong\n");
+  EXPECT_EQ(shell("HOME=" + directory_.path() + " propctl get Audio.Volume").status, 3);
+  EXPECT_EQ(shell("HOME=" + directory_.path() + " PROPCTL_PASSWORD_FILE=" + file("credentials") +
+                  " propctl get Audio.Volume"),
+            printed("5\n"));
+
+  Device::writeFile("/etc/propctl.conf", "port = 99999\n");
+  const Outcome outcome = propctl("get Audio.Volume");
+  std::filesystem::remove("/etc/propctl.conf");
+
+  EXPECT_EQ(outcome.status, 2);
+  EXPECT_THAT(outcome.errors, StartsWith("propctl: /etc/propctl.conf:1: "));
+}
+
+TEST_F(PropctlConnection, takesAPasswordThatRootSharesWithAGroup) {
+  run({"chmod", "640", file("credentials")});
+  EXPECT_EQ(askUntilAnswered("--password-file " + file("credentials") + " get Audio.Volume"), printed("5\n"));
+
+  run({"chmod", "660", file("credentials")});
+  EXPECT_EQ(propctl("--password-file " + file("credentials") + " ping").status, 2);
 }
 
 TEST_F(PropctlConnection, provesItselfWithAUserAndAFileOfAPassword) {
