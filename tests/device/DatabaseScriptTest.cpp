@@ -3,7 +3,9 @@
 namespace propertyservice {
 namespace {
 
+using test::deviceFile;
 using test::SampleDatabase;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
@@ -123,6 +125,16 @@ TEST_P(DatabaseScriptAliases, nameOnePropertyEach) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Column, DatabaseScriptAliases, testing::Values("webui", "provisioning", "tr069"));
+
+/// A group that is missing there is never announced to controllers.
+TEST_F(DatabaseScript, hasOnlyKeysOfGroupsThatADeviceMayAnnounceAtTheCentre) {
+  const std::string accessList = deviceFile("mosquitto/central-devices.acl");
+
+  for (const std::string& group :
+       database_.texts("SELECT DISTINCT lower(substr(key, 1, instr(key, '.') - 1)) FROM settings")) {
+    EXPECT_THAT(accessList, HasSubstr("\npattern write devices/%u/prop-service-" + group + "/any\n"));
+  }
+}
 
 }  // namespace
 }  // namespace propertyservice

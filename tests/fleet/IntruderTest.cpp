@@ -1,8 +1,11 @@
+#include <set>
+
 #include "fleet/FleetFixture.h"
 
 namespace propertyservice::test {
 namespace {
 
+using testing::ElementsAre;
 using testing::IsEmpty;
 
 class Intruder : public Fleet {
@@ -45,6 +48,47 @@ TEST_F(Intruder, asksNoDevice) {
   fleet_->request("HX-0001", getVolume());
 
   EXPECT_EQ(device(1).valueOf("Audio.Volume"), "5");
+}
+
+TEST_F(Intruder, hasTheCentreRetainNothingOnTopicsOfItsOwnInvention) {
+  for (int i = 0; i < 20; ++i) {
+    intruder_.publish("devices/HX-0666/prop-service-invented" + std::to_string(i) + "/any", "kept", true);
+    intruder_.publish("devices/HX-0666/prop-service/invented" + std::to_string(i), "kept", true);
+  }
+  intruder_.publish("devices/HX-0666/prop-service-audio/any", "kept", true);
+
+  CentralClient late("observer", Centre::kControllers, authorities_.issueController("observer"),
+                     {"devices/HX-0666/#", "devices/+/online"}, "late");
+  ASSERT_TRUE(late.waitFor("devices/HX-0666/prop-service-audio/any", "kept"));
+  late.settle();
+
+  std::set<std::string> topics;
+  for (const CentralClient::Message& message : late.received()) {
+    if (message.topic.starts_with("devices/HX-0666/")) {
+      topics.insert(message.topic);
+    }
+  }
+  EXPECT_THAT(topics, ElementsAre("devices/HX-0666/prop-service-audio/any"));
+}
+
+TEST_F(Intruder, isDisconnectedWhenTheCentreIsFull) {
+  const std::string large(1'000'000, 'x');
+  std::size_t sent = 0;
+
+  // Several stolen certificates, each with as much as it may have retained, in place of a thousand.
+  EXPECT_THROW(
+      for (int number = 0; number < 4; ++number) {
+        const std::string serial = "HX-066" + std::to_string(number);
+        CentralClient thief(serial, Centre::kDevices, authorities_.issueDevice(serial));
+        for (const char* group : {"audio", "display", "keys", "net", "sip", "system", "time", "update"}) {
+          thief.publish("devices/" + serial + "/prop-service-" + group + "/any", large, true);
+          ++sent;
+        }
+      },
+      std::runtime_error);
+
+  EXPECT_GT(sent, 4U);
+  EXPECT_EQ(fleet_->request("HX-0001", getVolume())["result"], "5");
 }
 
 TEST_F(Intruder, isNoControllerByItsNameAlone) {
