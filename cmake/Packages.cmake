@@ -50,7 +50,8 @@ project_package(
   "."
   "What a device's settings are, a database script says that comes with the"
   "device's firmware. There is one to try in propertyservice-sample-device.")
-set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "mosquitto (>= 2.0), sqlite3")
+set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS 
+    "mosquitto (>= 2.0), sqlite3, systemd | systemd-sysusers, systemd | systemd-tmpfiles")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS "propctl, propertyservice-sample-device")
 
 project_package(
