@@ -70,7 +70,8 @@ int main(int argc, char* argv[]) {
   }
 
   manager.setStatus("Connecting to the broker");
-  const auto client = ipc::IPCFactory::createInstanceShared("prop-service", "localhost", false);
+  const auto client = ipc::IPCFactory::createInstanceShared("prop-service", "localhost", false,
+                                                            [&] { return manager.alive(); });
   Dispatcher dispatcher(client, std::move(database), std::move(backup), std::make_unique<Messenger>(client));
 
   common::signal::registerHandler();

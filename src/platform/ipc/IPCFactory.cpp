@@ -35,8 +35,7 @@ void ignoreBrokenPipes() {
 }  // namespace
 
 std::shared_ptr<IIPCClient> IPCFactory::createInstanceShared(const std::string& name, const std::string& host,
-                                                             bool uniqueSuffix,
-                                                             std::function<void()> sayAlive) {
+                                                             bool uniqueSuffix, SignOfLife sayAlive) {
   ignoreBrokenPipes();
   return std::make_shared<MosquittoClient>(
       MosquittoClient::Options{.id = uniqueSuffix ? name + randomSuffix() : name,

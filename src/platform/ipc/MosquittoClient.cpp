@@ -17,7 +17,6 @@ using namespace std::chrono_literals;
 using mqtt::shown;
 
 constexpr auto kLastAcknowledgementsWithin = 2s;
-constexpr auto kSayAliveEvery = 10s;
 
 dbg::Debug& logger() {
   // Never destroyed: a client may log until the very end.
@@ -178,14 +177,7 @@ void MosquittoClient::delivered(const std::string& topic) {
 }
 
 mqtt::Deadline MosquittoClient::turned() {
-  if (!options_.sayAlive) {
-    return std::nullopt;
-  }
-  if (const auto now = mqtt::Clock::now(); now >= sayAliveAt_) {
-    sayAliveAt_ = now + kSayAliveEvery;
-    options_.sayAlive();
-  }
-  return sayAliveAt_;
+  return options_.sayAlive ? options_.sayAlive() : std::nullopt;
 }
 
 /// Calls each callback. An exception of one is logged and reaches neither the others nor the connection.

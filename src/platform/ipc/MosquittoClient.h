@@ -19,8 +19,8 @@ class MosquittoClient : public IIPCClient, private mqtt::Listener {
     std::string id;
     std::string host;  ///< Stands in for an empty one of `connect`.
     std::string credentialsPath{};
-    std::string presenceTopic{};       ///< Empty: presence is not announced.
-    std::function<void()> sayAlive{};  ///< As of `IPCFactory`.
+    std::string presenceTopic{};                 ///< Empty: presence is not announced.
+    std::function<mqtt::Deadline()> sayAlive{};  ///< As of `IPCFactory`.
   };
 
   /// Throws `IPCException` for an `id` that MQTT does not allow.
@@ -64,7 +64,6 @@ class MosquittoClient : public IIPCClient, private mqtt::Listener {
   std::string broker_;
   bool wasOpen_ = false;
   std::string failure_;  ///< The latest reason why the connection is not back yet.
-  mqtt::Clock::time_point sayAliveAt_;
 };
 
 }  // namespace ipc
