@@ -83,6 +83,11 @@ inline std::string presence(const std::string& serial) {
   return devicePrefix(serial) + "online";
 }
 
+/// Where it keeps what the device last said of the daemon.
+inline std::string servicePresence(const std::string& serial) {
+  return devicePrefix(serial) + online(kServiceName);
+}
+
 }  // namespace topic
 
 inline std::string lowerCased(std::string text) {

@@ -85,6 +85,27 @@ TEST_F(PropctlInTheFleet, tellsThatADeviceRefuses) {
   EXPECT_EQ(lines_.back(), "0 done, 3 refused, 0 silent");
 }
 
+TEST_F(PropctlInTheFleet, listsTheDevicesAndWhoIsThere) {
+  device(2).stopDaemon();
+  device(3).stopBroker();
+  ASSERT_TRUE(isOffline(device(3)));
+  ASSERT_TRUE(fleet_->waitFor(topicOf(device(2), "services/prop-service/online"), "0"));
+
+  propctl("", {"devices"});
+
+  EXPECT_EQ(status_, 0);
+  EXPECT_THAT(lines_, ElementsAre("HX-0001\tconnected\trunning", "HX-0002\tconnected\tstopped",
+                                  "HX-0003\taway\tunknown"));
+}
+
+TEST_F(PropctlInTheFleet, listsTheDevicesOfAPattern) {
+  propctl("HX-000[12]", {"--json", "devices"});
+
+  EXPECT_EQ(status_, 0);
+  EXPECT_THAT(lines_, ElementsAre(R"([{"connected":true,"device":"HX-0001","service":true},)"
+                                  R"({"connected":true,"device":"HX-0002","service":true}])"));
+}
+
 TEST_F(PropctlInTheFleet, findsADeviceSilentWhoseDaemonIsDown) {
   device(3).stopDaemon();
 

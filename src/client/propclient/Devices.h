@@ -1,15 +1,25 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 
 #include "propclient/Client.h"
 
 namespace propclient {
 
-/// The devices that have ever been connected to a central broker, by serial number, and whether each is now.
+/// What the central broker knows of a device.
+struct Presence {
+  bool connected = false;
+  std::optional<bool> service =
+      {};  ///< Whether the daemon was there when the device last said; nothing: it never did.
+
+  bool operator==(const Presence&) const = default;
+};
+
+/// The devices that have ever been connected to a central broker, by serial number.
 /// Connects as `options` say, but for `device`; `name` must be the controller's that the broker knows. Throws
 /// `ConnectionError` where there is no broker, or no whole list within the time-out. Blocks; any thread.
-std::map<std::string, bool> knownDevices(const Options& options);
+std::map<std::string, Presence> knownDevices(const Options& options);
 
 }  // namespace propclient

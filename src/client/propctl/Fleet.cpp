@@ -22,7 +22,7 @@ class Round {
  public:
   using Command = std::function<ExitStatus(Session&)>;
 
-  Round(std::vector<std::string> serials, const std::map<std::string, bool>& known,
+  Round(std::vector<std::string> serials, const std::map<std::string, propclient::Presence>& known,
         propclient::Options options, Output& output, const Command& command)
       : serials_(std::move(serials)),
         known_(known),
@@ -62,8 +62,12 @@ class Round {
 
   ExitStatus runOn(const std::string& serial, Output& output) {
     const auto presence = known_.find(serial);
-    if (presence != known_.end() && !presence->second) {
+    if (presence != known_.end() && !presence->second.connected) {
       output.complain("is not connected to the central broker");
+      return ExitStatus::noAnswer;
+    }
+    if (presence != known_.end() && presence->second.service == false) {
+      output.complain("is connected, but its PropertyService is not running");
       return ExitStatus::noAnswer;
     }
     try {
@@ -111,7 +115,7 @@ class Round {
   }
 
   const std::vector<std::string> serials_;
-  const std::map<std::string, bool>& known_;
+  const std::map<std::string, propclient::Presence>& known_;
   const propclient::Options options_;
   Output& output_;
   const Command& command_;
@@ -125,6 +129,18 @@ class Round {
 
 bool isSerialPattern(const std::string& text) {
   return text.find_first_of("*?[") != std::string::npos;
+}
+
+std::map<std::string, propclient::Presence> askForKnownDevices(propclient::Options options) {
+  options.name = options.name.empty() ? options.user : options.name;
+  if (options.name.empty()) {
+    throw Failure(ExitStatus::usage, "the list of devices takes --name, which the central broker knows");
+  }
+  try {
+    return propclient::knownDevices(options);
+  } catch (const propclient::ConnectionError& error) {
+    throw Failure(ExitStatus::noAnswer, error.what());
+  }
 }
 
 }  // namespace
@@ -155,7 +171,7 @@ std::vector<std::string> readSerials(const std::string& argument) {
 }
 
 std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
-                                       const std::map<std::string, bool>& known) {
+                                       const std::map<std::string, propclient::Presence>& known) {
   std::set<std::string> serials;
   for (const std::string& pattern : wanted) {
     if (!isSerialPattern(pattern)) {
@@ -177,21 +193,37 @@ std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
   return {serials.begin(), serials.end()};
 }
 
+ExitStatus listDevices(const std::string& wanted, const propclient::Options& options, Output& output) {
+  const auto known = askForKnownDevices(options);
+  std::vector<Row> rows;
+  Json::Value document(Json::arrayValue);
+  for (const std::string& serial : selectSerials(readSerials(wanted.empty() ? "*" : wanted), known)) {
+    const auto found = known.find(serial);
+    const propclient::Presence presence = found != known.end() ? found->second : propclient::Presence();
+    // The last word of a device that is away says nothing of its daemon now.
+    const auto service = presence.connected ? presence.service : std::nullopt;
+    Json::Value device;
+    device["device"] = serial;
+    device["connected"] = presence.connected;
+    device["service"] = service ? Json::Value(*service) : Json::Value();
+    document.append(device);
+    rows.push_back({{serial, presence.connected ? "connected" : "away",
+                     service ? (*service ? "running" : "stopped") : "unknown"},
+                    !presence.connected || service == false});
+  }
+  if (output.style().json) {
+    output.json(document);
+  } else {
+    output.table({"device", "broker", "service"}, rows);
+  }
+  return ExitStatus::done;
+}
+
 ExitStatus runOnDevices(const std::vector<std::string>& wanted, const propclient::Options& options,
                         unsigned jobs, Output& output, const std::function<ExitStatus(Session&)>& command) {
-  std::map<std::string, bool> known;
+  std::map<std::string, propclient::Presence> known;
   if (std::any_of(wanted.begin(), wanted.end(), isSerialPattern)) {
-    propclient::Options controller = options;
-    controller.name = options.name.empty() ? options.user : options.name;
-    if (controller.name.empty()) {
-      throw Failure(ExitStatus::usage,
-                    "a pattern of serial numbers takes --name, which the central broker knows");
-    }
-    try {
-      known = propclient::knownDevices(controller);
-    } catch (const propclient::ConnectionError& error) {
-      throw Failure(ExitStatus::noAnswer, error.what());
-    }
+    known = askForKnownDevices(options);
   }
   return Round(selectSerials(wanted, known), known, options, output, command).run(jobs);
 }

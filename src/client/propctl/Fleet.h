@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "client/propclient/Devices.h"
 #include "client/propctl/Session.h"
 
 namespace propctl {
@@ -20,7 +21,11 @@ std::vector<std::string> readSerials(const std::string& argument);
 /// "[…]") for all `known` ones that match.
 /// Throws `Failure` for a pattern that none matches.
 std::vector<std::string> selectSerials(const std::vector<std::string>& wanted,
-                                       const std::map<std::string, bool>& known);
+                                       const std::map<std::string, propclient::Presence>& known);
+
+/// Prints the devices that the central broker knows and that `wanted` stands for, all where it is empty, each
+/// with whether it is connected and whether its daemon is there.
+ExitStatus listDevices(const std::string& wanted, const propclient::Options& options, Output& output);
 
 /// Runs a command on many devices at once, at most `jobs` of them, each over a connection of its own. What it
 /// says comes when it is done, device by device, behind the serial number; then a summary. Returns the worst

@@ -100,6 +100,7 @@ class CommandLine {
     addWatch();
     addMaintenance();
     addCheck();
+    addDevices();
   }
 
   ExitStatus run(int argc, char** argv) {
@@ -238,6 +239,16 @@ class CommandLine {
             "--by", [this](const std::string& name) { field_ = toField(name); }, text)
         ->check(CLI::IsMember({"key", "web", "provisioning"}).description(""))
         ->type_name("key|web|provisioning");
+  }
+
+  void addDevices() {
+    addVerb("devices", "List the devices of a central broker, or those of --device, and who is there")
+        ->callback([this] {
+          run_ = [this](Output& output) {
+            readConfigurationFiles();
+            return listDevices(device_, toOptions(connection_, kTimeout), output);
+          };
+        });
   }
 
   void addReads() {

@@ -8,7 +8,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
-const std::map<std::string, bool> kKnown = {{"HQ-001", true}, {"HQ-002", false}, {"LAB-1", true}};
+const std::map<std::string, propclient::Presence> kKnown = {
+    {"HQ-001", {true}}, {"HQ-002", {false}}, {"LAB-1", {true}}};
 
 TEST(Serials, areSeparatedByCommas) {
   EXPECT_TRUE(areSerials("HQ-1,HQ-2"));

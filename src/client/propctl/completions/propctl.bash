@@ -76,7 +76,7 @@ _propctl() {
   fi
 
   case $command in
-    '') _propctl_offer 'get set reset list describe watch dump load backup restore sysdump prepare ping check' ;;
+    '') _propctl_offer 'get set reset list describe watch dump load backup restore sysdump prepare ping check devices' ;;
     get | list | describe | reset) mapfile -t COMPREPLY < <(_propctl_keys) ;;
     set)
       mapfile -t COMPREPLY < <(_propctl_keys)

@@ -28,7 +28,7 @@ function __propctl_groups
     __propctl_keys | string replace -r '\..*' '' | sort -u
 end
 
-set -l commands get set reset list describe watch dump load backup restore sysdump prepare ping check
+set -l commands get set reset list describe watch dump load backup restore sysdump prepare ping check devices
 set -l none "not __fish_seen_subcommand_from $commands"
 
 complete -c propctl -f
@@ -46,6 +46,7 @@ complete -c propctl -n $none -a sysdump -d 'Write what support wants to see'
 complete -c propctl -n $none -a prepare -d 'Save what is to survive'
 complete -c propctl -n $none -a ping -d 'Is it alive, and how far away?'
 complete -c propctl -n $none -a check -d "Look for mistakes in a device's files"
+complete -c propctl -n $none -a devices -d 'The devices of a central broker, and who is there'
 
 complete -c propctl -l host -x -a '(__fish_print_hostnames)' -d Broker
 complete -c propctl -l port -x -d 'Its port'
