@@ -201,15 +201,18 @@ ExitStatus listDevices(const std::string& wanted, const propclient::Options& opt
     const auto found = known.find(serial);
     const propclient::Presence presence = found != known.end() ? found->second : propclient::Presence();
     // The last word of a device that is away says nothing of its daemon now.
-    const auto service = presence.connected ? presence.service : std::nullopt;
+    const bool isKnown = presence.connected && presence.service.has_value();
+    const bool isRunning = isKnown && presence.service.value_or(false);
     Json::Value device;
     device["device"] = serial;
     device["connected"] = presence.connected;
-    device["service"] = service ? Json::Value(*service) : Json::Value();
+    device["service"] = isKnown ? Json::Value(isRunning) : Json::Value();
     document.append(device);
     rows.push_back({{serial, presence.connected ? "connected" : "away",
-                     service ? (*service ? "running" : "stopped") : "unknown"},
-                    !presence.connected || service == false});
+                     !isKnown    ? "unknown"
+                     : isRunning ? "running"
+                                 : "stopped"},
+                    !isRunning});
   }
   if (output.style().json) {
     output.json(document);
