@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <future>
+#include <mutex>
 #include <random>
 #include <set>
 #include <unistd.h>
@@ -85,6 +86,9 @@ class Client::Impl final : private mqtt::Listener, private Transport {
   /// Throws `std::logic_error` on the own thread, which would wait for itself.
   void refuseOnOwnThread() const;
 
+  std::optional<bool> present();
+  void onPresence(std::function<void(std::optional<bool>)> callback);
+
  private:
   /// Empty where all went well.
   using Outcome = std::optional<std::string>;
@@ -99,8 +103,10 @@ class Client::Impl final : private mqtt::Listener, private Transport {
 
   // Of the own thread, as of `Transport`.
   void publish(const std::string& topic, const std::string& payload) override;
-  void subscribe(const std::vector<std::string>& topics) override;
+  void subscribe(const std::vector<std::string>& topics, Need need) override;
   void unsubscribe(const std::vector<std::string>& topics) override;
+
+  void presenceChanged(std::optional<bool> present);
 
   /// Has the own thread do it, and waits until it has.
   void doThere(std::function<void()> work);
@@ -109,14 +115,21 @@ class Client::Impl final : private mqtt::Listener, private Transport {
 
   const Options options_;
   mqtt::Connection connection_;
-  Session session_;     ///< Of the own thread.
-  bool ended_ = false;  ///< Of the own thread.
+
+  // Of the own thread.
+  Session session_;
+  bool ended_ = false;
+  std::function<void(std::optional<bool>)> tellPresence_ = [](std::optional<bool>) {};
+
+  std::mutex mutex_;
+  std::optional<bool> present_;  ///< Guarded by mutex_.
 };
 
 Client::Impl::Impl(Options options)
     : options_(complete(std::move(options))),
       connection_(settingsOf(options_, options_.name + '-' + randomText()), *this),
-      session_(Topics(options_.name, options_.device), *this, options_.timeout, "?" + randomText() + '-') {}
+      session_(Topics(options_.name, options_.device), *this, options_.timeout, "?" + randomText() + '-',
+               [this](std::optional<bool> present) { presenceChanged(present); }) {}
 
 Client::Impl::~Impl() {
   doThere([this] {
@@ -131,6 +144,7 @@ void Client::Impl::connect() {
   refuseOnOwnThread();
   try {
     connection_.connect();
+    doThere([] {});  // what came with the connection, as the presence, is known then
   } catch (const mqtt::Error& error) {
     throw ConnectionError("no connection to the broker at " + broker() + ": " + error.what());
   }
@@ -154,6 +168,9 @@ void Client::Impl::watch(std::set<std::string> groups, std::function<void(const 
   auto result = outcome->get_future();
   if (result.wait_for(options_.timeout) == std::future_status::timeout) {
     unwatch();
+    if (present() == false) {
+      throw ConnectionError("no watch over the broker at " + broker() + ": the daemon is away");
+    }
     throw ConnectionError("no watch over the broker at " + broker() +
                           ": the daemon does not answer, or with more than the broker lets pass");
   }
@@ -185,9 +202,9 @@ void Client::Impl::publish(const std::string& topic, const std::string& payload)
   connection_.publish(topic, payload, kQosOfRequests);
 }
 
-void Client::Impl::subscribe(const std::vector<std::string>& topics) {
+void Client::Impl::subscribe(const std::vector<std::string>& topics, Need need) {
   for (const std::string& topic : topics) {
-    connection_.subscribe(topic);
+    connection_.subscribe(topic, need == Need::optional);
   }
 }
 
@@ -195,6 +212,26 @@ void Client::Impl::unsubscribe(const std::vector<std::string>& topics) {
   for (const std::string& topic : topics) {
     connection_.unsubscribe(topic);
   }
+}
+
+void Client::Impl::presenceChanged(std::optional<bool> present) {
+  {
+    const std::lock_guard lock(mutex_);
+    present_ = present;
+  }
+  tellPresence_(present);
+}
+
+std::optional<bool> Client::Impl::present() {
+  const std::lock_guard lock(mutex_);
+  return present_;
+}
+
+void Client::Impl::onPresence(std::function<void(std::optional<bool>)> callback) {
+  connection_.post([this, callback = std::move(callback)]() mutable {
+    tellPresence_ = std::move(callback);
+    tellPresence_(present());
+  });
 }
 
 void Client::Impl::doThere(std::function<void()> work) {
@@ -225,6 +262,14 @@ Answer<T> await(Ask ask) {
 }
 
 }  // namespace
+
+std::optional<bool> Client::present() const {
+  return impl_->present();
+}
+
+void Client::onPresence(std::function<void(std::optional<bool>)> callback) {
+  impl_->onPresence(std::move(callback));
+}
 
 Answer<Client::Nothing> Client::ping() {
   impl_->refuseOnOwnThread();

@@ -25,9 +25,11 @@ enum class Status {
   invalidRequest,    ///< The daemon does not know the request.
   noAnswer,          ///< None in time, the connection broke meanwhile, or request or answer were longer than
                      ///< the broker lets pass (1 MiB on the device): whether it was served is unknown.
+  away,              ///< The daemon has announced that it is away, so nothing was sent.
 };
 
-/// The status as the daemon spells it ("Ok", "NotFound", …); "NoAnswer" for `noAnswer`.
+/// The status as the daemon spells it ("Ok", "NotFound", …); "NoAnswer" for `noAnswer`, "Away" for
+/// `away`.
 const char* toText(Status status);
 
 /// What the names in a request are.
@@ -96,6 +98,8 @@ struct Options {
 ///
 /// A connection that breaks comes back by itself. What was asked and not answered then ends with `noAnswer`;
 /// what is asked meanwhile waits for it, as long as the time-out allows.
+///
+/// The daemon announces whether it is there. While it is away, requests are not sent but end with `away`.
 class Client {
  public:
   template <typename T>
@@ -115,6 +119,15 @@ class Client {
   /// Returns once the broker has accepted the connection and the subscription to the replies. Throws
   /// `ConnectionError`. Requests before it are answered with `noAnswer`.
   void connect();
+
+  /// Returns whether the daemon is there. Nothing while that is unknown: without a connection, and with a
+  /// daemon or a broker that does not tell; requests are then sent all the same. Known when `connect`
+  /// returns.
+  std::optional<bool> present() const;
+
+  /// Calls `callback` with `present`, now and whenever that changes, on the client's own thread. A second
+  /// call replaces the callback.
+  void onPresence(std::function<void(std::optional<bool>)> callback);
 
   /// Round trip to the daemon.
   Answer<Nothing> ping();

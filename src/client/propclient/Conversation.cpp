@@ -21,6 +21,10 @@ Conversation::Conversation(std::function<void(const std::string& text)> send, st
     : send_(std::move(send)), uniqueText_(std::move(uniqueText)) {}
 
 void Conversation::ask(Request request, Clock::time_point deadline) {
+  if (away_) {
+    request.refuse();
+    return;
+  }
   const std::size_t bytes = request.text.size();
   if (!wasOpened_ || bytes > kLongestText || bytes > kMostBytes - waitingBytes_) {
     request.giveUp();
@@ -49,6 +53,18 @@ void Conversation::lost() {
   }
   waitingBytes_ = 0;
   run(deliveries);
+}
+
+void Conversation::servicePresent(bool present) {
+  away_ = !present;
+  if (away_) {
+    Deliveries deliveries;
+    for (Waiting& waiting : std::exchange(waiting_, {})) {
+      deliveries.push_back(std::move(waiting.request.refuse));
+    }
+    waitingBytes_ = 0;
+    run(deliveries);
+  }
 }
 
 void Conversation::received(const std::string& text) {

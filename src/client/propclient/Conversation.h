@@ -34,7 +34,7 @@ class Conversation {
   /// `send` hands a text to the broker. `uniqueText` is no part of any key, and nobody else's.
   Conversation(std::function<void(const std::string& text)> send, std::string uniqueText);
 
-  /// What is asked is sent, or waits for a connection that was lost to come back; before the first one it is
+  /// Sends a request, or lets it wait for a lost connection to come back. Before the first connection it is
   /// given up at once.
   void ask(Request request, Clock::time_point deadline);
 
@@ -42,6 +42,10 @@ class Conversation {
 
   /// Gives up all that is outstanding.
   void lost();
+
+  /// While the service is away, refuses what is asked, and what was not sent yet. What was sent may still be
+  /// served when it is back.
+  void servicePresent(bool present);
 
   void received(const std::string& text);
 
@@ -78,6 +82,7 @@ class Conversation {
 
   bool wasOpened_ = false;
   bool open_ = false;
+  bool away_ = false;
   bool doubtful_ = false;  ///< A reply to something forgotten may be under way.
   std::deque<Sent> sent_;
   std::size_t unanswered_ = 0;  ///< Of `sent_`: requests that somebody waits for.

@@ -32,6 +32,11 @@ constexpr std::pair<Status, const char*> kStatusTexts[] = {
     {Status::invalidRequest, statustext::kInvalidRequest},
 };
 
+/// Statuses that are this library's own: no reply can have them.
+const char* ownText(Status status) {
+  return status == Status::away ? "Away" : "NoAnswer";
+}
+
 /// The answer that a reply holds; nothing where it is no reply to the request.
 template <typename T>
 using Reading = std::optional<Answer<T>>;
@@ -47,7 +52,10 @@ Request makeRequest(const Json::Value& message, Reader reader, Client::Callback<
             }
             return [shared, answer = std::move(*answer)] { (*shared)(answer); };
           },
-          [shared] { (*shared)(Answer<T>{}); }};
+          [shared] { (*shared)(Answer<T>{}); },
+          [shared] {
+            (*shared)(Answer<T>{Status::away, {}});
+          }};
 }
 
 Json::Value message(const char* method) {
@@ -196,7 +204,7 @@ std::string joined(const std::vector<std::string>& columns) {
 const char* toText(Status status) {
   const auto* entry = std::find_if(std::begin(kStatusTexts), std::end(kStatusTexts),
                                    [status](const auto& candidate) { return candidate.first == status; });
-  return entry != std::end(kStatusTexts) ? entry->second : "NoAnswer";
+  return entry != std::end(kStatusTexts) ? entry->second : ownText(status);
 }
 
 namespace request {

@@ -18,6 +18,7 @@ struct Request {
   std::string text;
   std::function<Delivery(const Json::Value& reply)> read;  ///< Empty for what is no reply to this request.
   Delivery giveUp;                                         ///< With `noAnswer`.
+  Delivery refuse;                                         ///< With `away`.
 };
 
 /// One for each of the daemon's requests.

@@ -11,19 +11,25 @@ namespace topic = propertyservice::topic;
 Topics::Topics(const std::string& sender, const std::string& device)
     : prefix(device.empty() ? std::string() : propertyservice::topic::devicePrefix(device)),
       requests(prefix + topic::request(sender)),
-      replies(prefix + topic::reply(sender)) {}
+      replies(prefix + topic::reply(sender)),
+      presence(prefix + topic::online(propertyservice::kServiceName)) {}
 
 std::string Topics::changes(const std::string& group) const {
   return prefix + topic::changes(group);
 }
 
-Session::Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText)
+Session::Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText,
+                 std::function<void(std::optional<bool>)> tellPresence)
     : topics_(std::move(topics)),
       transport_(transport),
       timeout_(timeout),
       conversation_([this](const std::string& text) { transport_.publish(topics_.requests, text); },
-                    uniqueText) {
-  transport_.subscribe({topics_.replies});
+                    uniqueText),
+      tellPresence_(std::move(tellPresence)) {
+  // In this order: the broker sends what it retains of the presence before it answers the second
+  // subscription, so that it is known when the connection is open.
+  transport_.subscribe({topics_.presence}, Transport::Need::optional);
+  transport_.subscribe({topics_.replies}, Transport::Need::required);
 }
 
 void Session::watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done) {
@@ -37,7 +43,7 @@ void Session::watch(std::set<std::string> groups, std::function<void(const Chang
     watch_.reset();
     return;
   }
-  transport_.subscribe(watchedTopics());
+  transport_.subscribe(watchedTopics(), Transport::Need::required);
 }
 
 void Session::unwatch() {
@@ -58,6 +64,7 @@ void Session::opened() {
 }
 
 void Session::lost() {
+  setPresence(std::nullopt);
   if (const auto watch = watch_) {
     watch->lost();
   }
@@ -80,6 +87,8 @@ void Session::subscribed(const std::vector<std::string>& refused) {
 void Session::received(const std::string& topic, const std::string& payload) {
   if (topic == topics_.replies) {
     conversation_.received(payload);
+  } else if (topic == topics_.presence) {
+    setPresence(payload == "0" || payload == "1" ? std::optional(payload == "1") : std::nullopt);
   } else if (const auto watch = watch_) {
     watch->announced(payload, topic == topics_.changes(topic::kAllGroups));
   }
@@ -94,6 +103,13 @@ void Session::keepTime(Clock::time_point now) {
 
 Deadline Session::nextDeadline() const {
   return earlier(conversation_.nextDeadline(), watch_ ? watch_->nextDeadline() : std::nullopt);
+}
+
+void Session::setPresence(std::optional<bool> present) {
+  if (std::exchange(present_, present) != present) {
+    conversation_.servicePresent(present.value_or(true));
+    tellPresence_(present);
+  }
 }
 
 std::vector<std::string> Session::watchedTopics() const {

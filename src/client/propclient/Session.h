@@ -23,6 +23,7 @@ struct Topics {
   std::string prefix;
   std::string requests;
   std::string replies;
+  std::string presence;
 };
 
 /// What is asked, answered and watched over one transport. For one thread alone.
@@ -30,7 +31,10 @@ class Session {
  public:
   using Done = std::function<void(const std::optional<std::string>& failure)>;
 
-  Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText);
+  /// `tellPresence` is called whenever it changes what is known of the service: present or not, or nothing.
+  Session(
+      Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText,
+      std::function<void(std::optional<bool>)> tellPresence = [](std::optional<bool>) {});
 
   void ask(Request request, Clock::time_point asked) {
     conversation_.ask(std::move(request), asked + timeout_);
@@ -53,11 +57,14 @@ class Session {
  private:
   std::vector<std::string> watchedTopics() const;
   void watchIsDone(const std::optional<std::string>& failure);
+  void setPresence(std::optional<bool> present);
 
   const Topics topics_;
   Transport& transport_;
   const Clock::duration timeout_;
   Conversation conversation_;
+  const std::function<void(std::optional<bool>)> tellPresence_;
+  std::optional<bool> present_;
   bool wasOpened_ = false;
   std::shared_ptr<Watch> watch_;
   Done watchDone_;  ///< Of `watch_`, until it is called.

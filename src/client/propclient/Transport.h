@@ -13,8 +13,10 @@ class Transport {
   /// Each message once, in order. What cannot be sent is lost with the connection.
   virtual void publish(const std::string& topic, const std::string& payload) = 0;
 
-  /// For this connection and those after it. The answer comes as `subscribed`.
-  virtual void subscribe(const std::vector<std::string>& topics) = 0;
+  enum class Need { required, optional };
+
+  /// For this connection and those after it, each of which fails if the broker refuses a required one.
+  virtual void subscribe(const std::vector<std::string>& topics, Need need) = 0;
   virtual void unsubscribe(const std::vector<std::string>& topics) = 0;
 };
 

@@ -128,6 +128,8 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
       return "the daemon does not know this request; is it older than propctl?";
     case Status::noAnswer:
       return "no answer; whether it was done is unknown";
+    case Status::away:
+      return "PropertyService is away; nothing was sent";
   }
   return "";
 }

@@ -49,4 +49,8 @@ void Session::throwNoAnswer(Length length) const {
   throw Failure(ExitStatus::noAnswer, text.str());
 }
 
+void Session::throwAway() const {
+  throw Failure(ExitStatus::noAnswer, "PropertyService at " + where() + " is away: nothing was sent");
+}
+
 }  // namespace propctl

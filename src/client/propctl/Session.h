@@ -29,10 +29,14 @@ class Session {
     if (answer.status == propclient::Status::noAnswer) {
       throwNoAnswer(length);
     }
+    if (answer.status == propclient::Status::away) {
+      throwAway();
+    }
     return answer;
   }
 
   [[noreturn]] void throwNoAnswer(Length length = Length::bounded) const;
+  [[noreturn]] void throwAway() const;
 
  private:
   const propclient::Options options_;

@@ -50,7 +50,7 @@ void complainOfFailures(Session& session, const std::vector<Assignment>& assignm
                         const std::map<std::string, Status>& statuses) {
   Names refused;
   for (const auto& [name, status] : statuses) {
-    if (status != Status::ok && status != Status::noAnswer) {
+    if (status != Status::ok && status != Status::noAnswer && status != Status::away) {
       refused.push_back(name);
     }
   }
@@ -78,7 +78,7 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   }
   const std::size_t written = counts[Status::ok];
   const std::size_t silent = counts[Status::noAnswer];
-  if (silent != statuses.size()) {
+  if (silent + counts[Status::away] != statuses.size()) {
     complainOfFailures(session, assignments, field, statuses);
   }
   if (session.output().style().json) {
@@ -89,6 +89,9 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
   }
   if (silent != 0) {
     session.throwNoAnswer();
+  }
+  if (counts[Status::away] != 0) {
+    session.throwAway();
   }
   return written == statuses.size() ? ExitStatus::done : ExitStatus::refused;
 }

@@ -14,10 +14,10 @@ class IIPCClient {
 
   /// Connects to the broker on `host` (the one given to the factory where it is empty) and returns once it
   /// has accepted the connection and the subscriptions made so far; throws when it refuses or stays silent
-  /// for 10 s. A connection that breaks later is reported through `IIPCCallback::connectionLost` and comes
-  /// back by itself, with its subscriptions and what is unacknowledged. `cleanSession` 0 has the broker keep
-  /// the session while this client is away; `maxQos` is the greatest quality of service of its subscriptions.
-  /// After it has thrown it may be called again.
+  /// for 10 s, and as soon as another thread calls `disconnect`. A connection that breaks later is reported
+  /// through `IIPCCallback::connectionLost` and comes back by itself, with its subscriptions and what is
+  /// unacknowledged. `cleanSession` 0 has the broker keep the session while this client is away; `maxQos` is
+  /// the greatest quality of service of its subscriptions. After it has thrown it may be called again.
   virtual void connect(int cleanSession, int maxQos, const std::string& host) = 0;
 
   /// Waits, 2 s at most, until what was published is acknowledged, and disconnects. No callback runs once it

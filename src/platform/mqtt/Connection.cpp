@@ -21,16 +21,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A connection that is silent for so long is probed with a ping, and given up when that stays unanswered for
-// as long again. libmosquitto keeps that time only while it is called, so an idle thread wakes up for it.
-constexpr int kKeepAliveSeconds = 30;
-constexpr auto kIdleWakeUp = 10s;
-
-constexpr auto kSteadyAfter = 5s;
-
-/// The events that may wait for the listener before the socket is left alone, and with it the broker.
-constexpr std::size_t kMostEvents = 1000;
-
 // An argument that libmosquitto checks and does not use.
 constexpr int kPackets = 1;
 
@@ -43,7 +33,11 @@ void initialiseLibrary() {
 
 /// Returns the meaning of an error code of libmosquitto. Uses errno: call it first.
 std::string describe(int error) {
-  return error == MOSQ_ERR_ERRNO ? std::generic_category().message(errno) : mosquitto_strerror(error);
+  if (error != MOSQ_ERR_ERRNO) {
+    return mosquitto_strerror(error);
+  }
+  // Without an error of the system, the broker has closed the connection in the middle of a packet.
+  return errno == 0 ? mosquitto_strerror(MOSQ_ERR_CONN_LOST) : std::generic_category().message(errno);
 }
 
 /// Blocks all signals: a write to a connection that the broker has closed must not end the program, and its
@@ -273,7 +267,7 @@ void Connection::attempt() {
       library_ = makeLibrary();
     }
     check(mosquitto_connect_async(library_.get(), addresses_[address_].c_str(), settings_.port,
-                                  kKeepAliveSeconds));
+                                  static_cast<int>(settings_.keepAlive.count())));
   } catch (const Error& error) {
     broke(error.what());
   }
@@ -349,7 +343,7 @@ void Connection::broke(const std::string& reason) {
 
   if (wasOpen) {
     // A connection that breaks again and again, as with a second client of the same name, must not spin.
-    if (Clock::now() - openSince_ >= kSteadyAfter) {
+    if (Clock::now() - openSince_ >= settings_.steadyAfter) {
       pause_ = settings_.shortestPause;
     }
     pause();
@@ -472,7 +466,7 @@ void Connection::takeTurn(std::unique_lock<std::mutex>& lock) {
     return;
   }
 
-  if (hasSocket() && descriptors[0].revents != 0 && events_.size() < kMostEvents) {
+  if (hasSocket() && descriptors[0].revents != 0) {
     read(descriptors[0].revents);
   }
   keepTime();
@@ -487,7 +481,8 @@ int Connection::pollTimeoutMs() const {
   if (!events_.empty() || (state_ == State::resolving && !addresses_.empty())) {
     return 0;
   }
-  Clock::time_point next = Clock::now() + kIdleWakeUp;
+  // libmosquitto keeps the time of pings only while it is called.
+  Clock::time_point next = Clock::now() + settings_.keepAlive / 3;
   if (state_ == State::resolving || state_ == State::attempting || state_ == State::pausing) {
     next = std::min(next, timer_);
   }
@@ -549,7 +544,7 @@ void Connection::keepTime() {
 }
 
 /// Tells the listener the events there are. The socket has what one of them publishes before the next one is
-/// told; if it has to wait for acknowledgements, those are read first.
+/// told, as long as the flight is not full.
 void Connection::tellListener(std::unique_lock<std::mutex>& lock) {
   for (std::size_t left = events_.size(); left != 0 && !stopping_; --left) {
     const std::function<void()> event = std::move(events_.front());
@@ -557,9 +552,6 @@ void Connection::tellListener(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     event();
     lock.lock();
-    if (state_ == State::open && outbox_.waits()) {
-      break;
-    }
   }
   lock.unlock();
   listenersDeadline_ = listener_.turned();

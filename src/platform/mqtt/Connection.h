@@ -66,6 +66,11 @@ struct Settings {
   Clock::duration laterRoundWithin = std::chrono::seconds(3);
   Clock::duration shortestPause = std::chrono::milliseconds(50);
   Clock::duration longestPause = std::chrono::seconds(1);
+  Clock::duration steadyAfter = std::chrono::seconds(5);  ///< Then the next pause is the shortest again.
+
+  /// A connection that is silent for so long is probed with a ping, and given up when that stays unanswered
+  /// for as long again. At least 5 s.
+  std::chrono::seconds keepAlive{30};
 };
 
 /// The user of a connection. All calls come on the connection's own thread, one at a time, without a lock
@@ -105,32 +110,32 @@ class Listener {
 ///
 /// A round tries the addresses of the host one after the other. The states:
 ///
-/// | state      | meaning |
-/// |------------|---------------------------------------------------------------------------------------------|
-/// | idle       | nobody has asked for a connection, or the only round so far has failed | | resolving  | the
-/// addresses are being looked up, or the next one is to be tried                           | | attempting |
-/// one address is tried: TCP, TLS, the broker's acceptance, then all subscriptions             | | open |
-/// messages flow                                                                               | | pausing |
-/// the next round starts after a pause                                                         | | closed |
-/// the end                                                                                     |
+/// | state      | meaning                                                                              |
+/// |------------|--------------------------------------------------------------------------------------|
+/// | idle       | nobody has asked for a connection, or the only rounds so far have failed             |
+/// | resolving  | the addresses are being looked up, or the next one is to be tried                    |
+/// | attempting | one address is tried: TCP, TLS, the broker's acceptance, then all subscriptions      |
+/// | open       | messages flow                                                                        |
+/// | pausing    | the next round starts after a pause                                                  |
+/// | closed     | the end                                                                              |
 ///
 /// The transitions:
 ///
-/// | from       | when                                         | to         | and |
-/// |------------|----------------------------------------------|------------|----------------------------------|
-/// | idle       | `connect`                                    | resolving  | | | resolving  | the addresses
-/// are known                      | attempting | the first of them                | | resolving  | the host
-/// is unknown, or time is up           | see below  |                                  | | attempting |
-/// accepted, and each subscription answered     | open       | presence "1", `opened`           | |
-/// attempting | refused, broken, or time is up; others left  | resolving  | the next address | | attempting |
-/// the same with the last address               | see below  |                                  | | open |
-/// broken, or a ping stays unanswered           | pausing    | `lost`                           | | pausing
-/// | the pause is over, or `connect`              | resolving  |                                  | | any |
-/// `close`                                      | closed     | presence "0" if it was open      |
+/// | from       | when                                        | to         | and                       |
+/// |------------|---------------------------------------------|------------|---------------------------|
+/// | idle       | `connect`                                   | resolving  |                           |
+/// | resolving  | the addresses are known                     | attempting | the first of them         |
+/// | resolving  | the host is unknown, or time is up          | see below  | `failed`                  |
+/// | attempting | accepted, and each subscription answered    | open       | presence "1", `opened`    |
+/// | attempting | refused, broken or time is up; others left  | resolving  | the next address          |
+/// | attempting | the same with the last address              | see below  | `failed`                  |
+/// | open       | broken, or a ping stays unanswered          | pausing    | `lost`                    |
+/// | pausing    | the pause is over, or `connect`             | resolving  |                           |
+/// | any        | `close`                                     | closed     | presence "0" if open      |
 ///
-/// A failed round ends with `failed`: the state is then idle if the connection has never been open, otherwise
-/// pausing. The time of a round is shared evenly by the addresses that are left. Pauses double from the
-/// shortest to the longest; they start again with the shortest after a connection that was open for 5 s.
+/// A round that fails leads to idle if the connection has never been open, otherwise to pausing. Its time is
+/// shared evenly by the addresses that are left. Pauses double from the shortest to the longest; the next one
+/// is the shortest again after a connection that was open for `steadyAfter`.
 class Connection {
  public:
   /// Starts nothing yet. The listener must outlive the connection. Throws `Error`.

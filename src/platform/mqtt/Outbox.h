@@ -29,9 +29,6 @@ class Outbox {
 
   bool empty() const { return inFlight_.empty() && waiting_.empty(); }
 
-  /// Whether a message waits for its turn.
-  bool waits() const { return !waiting_.empty(); }
-
   bool hasRoomFor(std::size_t bytes) const { return bytes <= kMostBytes - bytes_; }
 
   /// The message that goes next: null when none waits or the flight is full.

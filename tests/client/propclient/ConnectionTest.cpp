@@ -1,5 +1,7 @@
+#include <future>
 #include <sys/stat.h>
 
+#include "platform/mqtt/ScriptedBroker.h"
 #include "propclient/Client.h"
 #include "support/Device.h"
 #include "support/TcpProxy.h"
@@ -88,6 +90,117 @@ TEST(Connection, triesAgainUntilTheBrokerIsBack) {
       return false;
     }
   }));
+}
+
+/// A broker that does what the test tells it to.
+class Scripted : public testing::Test {
+ protected:
+  using Broker = mqtt::test::ScriptedBroker;
+  using Packet = mqtt::test::Packet;
+
+  Options options(std::chrono::milliseconds timeout = kPatience) {
+    return {.host = "127.0.0.1", .port = broker_.port(), .name = "panel", .timeout = timeout};
+  }
+
+  /// Connects a client; the broker says `beforeReplies` after it has answered the first subscription.
+  void connect(Client& client, const std::string& beforeReplies = "", bool grantsPresence = true) {
+    auto connecting = std::async(std::launch::async, [&] { client.connect(); });
+    broker_.open();
+    presence_ = broker_.expect(Packet::subscribe);
+    replies_ = broker_.expect(Packet::subscribe);
+    broker_.send((grantsPresence ? Broker::granted(presence_.id()) : Broker::denied(presence_.id())) +
+                 beforeReplies + Broker::granted(replies_.id()));
+    connecting.get();
+  }
+
+  static std::string presence(const std::string& value) {
+    return Broker::message("services/prop-service/online", value, 1, 1, true);
+  }
+
+  Broker broker_;
+  Packet presence_;
+  Packet replies_;
+};
+
+TEST_F(Scripted, subscribesToThePresenceFirstAndToItsReplies) {
+  Client client(options());
+
+  connect(client);
+
+  EXPECT_EQ(presence_.topicFilter(), "services/prop-service/online");
+  EXPECT_EQ(replies_.topicFilter(), "prop-service/panel");
+  EXPECT_EQ(replies_.body.back(), 1);
+  EXPECT_EQ(client.present(), std::nullopt);
+}
+
+TEST_F(Scripted, asksOnceEvenIfTheNetworkRepeats) {
+  Client client(options());
+  connect(client);
+
+  client.ping([](const auto&) {});
+
+  EXPECT_EQ(broker_.expect(Packet::publish).qos(), 2);
+}
+
+TEST_F(Scripted, sendsNothingToAServiceThatIsAwayWhenItConnects) {
+  Client client(options());
+  connect(client, presence("0"));
+
+  EXPECT_EQ(client.present(), false);
+  EXPECT_EQ(client.get("A").status, Status::away);
+
+  while (const auto packet = broker_.receive(100ms)) {
+    EXPECT_NE(packet->type(), Packet::publish);
+  }
+}
+
+TEST_F(Scripted, knowsAServiceThatIsThere) {
+  Client client(options());
+
+  connect(client, presence("1"));
+
+  EXPECT_EQ(client.present(), true);
+}
+
+TEST_F(Scripted, worksWhereItMayNotReadThePresence) {
+  Client client(options());
+
+  connect(client, "", false);
+  client.ping([](const auto&) {});
+
+  EXPECT_EQ(client.present(), std::nullopt);
+  broker_.expect(Packet::publish);
+}
+
+TEST_F(Scripted, unsubscribesFromAWatchThatDoesNotBegin) {
+  Client client(options(200ms));
+  connect(client);
+
+  EXPECT_THROW(client.watch({}, [](const Change&) {}), ConnectionError);
+
+  broker_.expect(Packet::subscribe);
+  EXPECT_EQ(broker_.expect(Packet::unsubscribe).topicFilter(), "prop-service-groupnotify/any");
+}
+
+TEST_F(Scripted, saysWhenAWatchDoesNotBeginBecauseTheServiceIsAway) {
+  Client client(options(200ms));
+  connect(client, presence("0"));
+
+  try {
+    client.watch({}, [](const Change&) {});
+    FAIL();
+  } catch (const ConnectionError& error) {
+    EXPECT_THAT(error.what(), HasSubstr("the daemon is away"));
+  }
+}
+
+TEST_F(Scripted, disconnectsWhenItEnds) {
+  {
+    Client client(options());
+    connect(client);
+  }
+
+  broker_.expect(Packet::kDisconnect);
 }
 
 /// The broker as the device has it: names are proved by passwords, and the access list holds.

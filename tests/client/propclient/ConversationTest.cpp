@@ -346,6 +346,53 @@ TEST_F(ConversationTest, givesUpWhatIsTooMuchToKeep) {
   EXPECT_EQ(answers_.size(), 1U);
 }
 
+TEST_F(ConversationTest, hasRoomAgainForWhatWasGivenUpAtTheDeadline) {
+  openAndSettle();
+  conversation_.lost();
+  const std::string key(Conversation::kLongestText - 100, 'x');
+  for (std::size_t i = 0; i < Conversation::kMostBytes / Conversation::kLongestText; ++i) {
+    get(key);
+  }
+  pass(kTimeout);
+  answers_.clear();
+
+  get(key);
+
+  EXPECT_THAT(answers_, IsEmpty());
+}
+
+TEST_F(ConversationTest, asksBehindAMarkerAfterAReplyThatCannotBeRead) {
+  openAndSettle();
+
+  conversation_.received("{");
+  get("A");
+
+  ASSERT_EQ(sent_.size(), 2U);
+  EXPECT_TRUE(isMarker(sent_[0]));
+}
+
+TEST_F(ConversationTest, sendsWhatWaitsBeforeItCallsBack) {
+  openAndSettle();
+  std::size_t sentBefore = 0;
+  get("A", [&] { sentBefore = sent_.size(); });
+  for (std::size_t i = 0; i < Conversation::kMostUnanswered; ++i) {
+    get("B");
+  }
+
+  receiveValue("A", "1");
+
+  EXPECT_EQ(sentBefore, Conversation::kMostUnanswered + 1);
+}
+
+TEST_F(ConversationTest, namesTheDeadlineOfWhatWaits) {
+  openAndSettle();
+  conversation_.lost();
+
+  get("A");
+
+  EXPECT_EQ(conversation_.nextDeadline(), now_ + kTimeout);
+}
+
 TEST_F(ConversationTest, letsACallbackAsk) {
   openAndSettle();
 

@@ -28,7 +28,7 @@ class FakeDaemon : public Transport {
   void publish(const std::string& topic, const std::string& payload) override {
     requests.push_back({topic, payload});
   }
-  void subscribe(const std::vector<std::string>& topics) override {
+  void subscribe(const std::vector<std::string>& topics, Need /*need*/) override {
     subscriptions.insert(topics.begin(), topics.end());
   }
   void unsubscribe(const std::vector<std::string>& topics) override {

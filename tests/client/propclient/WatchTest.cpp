@@ -85,14 +85,15 @@ class WatchTest : public testing::Test {
 TEST_F(WatchTest, listensToTheAllChangesTopicForAllProperties) {
   watch();
 
-  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service-groupnotify/any", "prop-service/panel"));
+  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service-groupnotify/any", "prop-service/panel",
+                                                 "services/prop-service/online"));
 }
 
 TEST_F(WatchTest, listensToTheTopicsOfItsGroups) {
   watch({"audio", "net"});
 
-  EXPECT_THAT(daemon_.subscriptions,
-              ElementsAre("prop-service-audio/any", "prop-service-net/any", "prop-service/panel"));
+  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service-audio/any", "prop-service-net/any",
+                                                 "prop-service/panel", "services/prop-service/online"));
 }
 
 TEST_F(WatchTest, listensToNothingAnyMoreAfterItsEnd) {
@@ -100,7 +101,7 @@ TEST_F(WatchTest, listensToNothingAnyMoreAfterItsEnd) {
 
   session_.unwatch();
 
-  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service/panel"));
+  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service/panel", "services/prop-service/online"));
 }
 
 TEST_F(WatchTest, isDoneWhenThePresentValuesAreKnown) {
@@ -127,6 +128,7 @@ TEST_F(WatchTest, failsWhereTheBrokerRefusesTheSubscription) {
   session_.subscribed({"prop-service-groupnotify/any"});
 
   EXPECT_EQ(outcome_, "the broker refuses the subscription to prop-service-groupnotify/any");
+  EXPECT_THAT(daemon_.subscriptions, testing::Not(testing::Contains("prop-service-groupnotify/any")));
   EXPECT_THAT(daemon_.requests, IsEmpty());
 }
 
@@ -431,6 +433,134 @@ TEST_F(WatchTest, becomesDoneOverANewConnectionWhenTheFirstBreaks) {
   EXPECT_EQ(outcome_, "done");
 }
 
+TEST_F(WatchTest, triesAgainAfterASecond) {
+  watchAndSettle();
+  breakConnection();
+  restoreConnection();
+  daemon_.requests.clear();  // the daemon is away
+  session_.keepTime(Clock::now() + 5s);
+
+  const auto next = session_.nextDeadline();
+
+  ASSERT_TRUE(next);
+  EXPECT_LT(*next, Clock::now() + 2s);
+}
+
+TEST_F(WatchTest, triesNothingAgainWithoutAConnection) {
+  watch();
+
+  breakConnection();
+
+  EXPECT_EQ(session_.nextDeadline(), std::nullopt);
+}
+
+TEST_F(WatchTest, forgetsWhatItWantedToTryAgainWithTheConnection) {
+  watch();
+  daemon_.requests.clear();  // the daemon is away
+  session_.keepTime(Clock::now() + 5s);
+  ASSERT_TRUE(session_.nextDeadline());
+
+  breakConnection();
+
+  EXPECT_EQ(session_.nextDeadline(), std::nullopt);
+}
+
+TEST_F(WatchTest, readsAValueAgainUntilTheDaemonAnswers) {
+  watchAndSettle();
+  daemon_.change("State.Call", "ringing");
+  settle();
+  breakConnection();
+  daemon_.values["State.Call"] = "busy";
+  told_.clear();
+  restoreConnection();
+  while (daemon_.requests.front().payload.find("State.Call") == std::string::npos) {
+    daemon_.serve();
+    arriveAll();
+  }
+  daemon_.requests.clear();  // the daemon is away
+  session_.keepTime(Clock::now() + 5s);
+
+  session_.keepTime(Clock::now() + 10s);
+  serveAll();
+
+  EXPECT_THAT(told_, ElementsAre("State.Call ringing>busy"));
+}
+
+TEST_F(WatchTest, isDoneThoughThereIsNoProperty) {
+  daemon_.values.clear();
+
+  watch();
+  serveAll();
+
+  EXPECT_EQ(outcome_, "done");
+}
+
+TEST_F(WatchTest, asksNoMoreForAVolatileKeyThatWasRemoved) {
+  watchAndSettle();
+  daemon_.change("State.Gone", "1");
+  daemon_.change("State.Gone", Json::nullValue);
+  settle();
+  breakConnection();
+
+  restoreConnection();
+
+  for (const FakeDaemon::Message& request : daemon_.requests) {
+    EXPECT_EQ(request.payload.find("State.Gone"), std::string::npos);
+  }
+}
+
+TEST_F(WatchTest, tellsTheWayToAValueOnlySoFarBack) {
+  watchAndSettle();
+  daemon_.change("State.Count", "0");
+  settle();
+  breakConnection();
+  restoreConnection();
+  told_.clear();
+  for (int i = 1; i <= 1000; ++i) {
+    daemon_.change("State.Count", std::to_string(i));
+  }
+  announceAll();
+
+  serveAll();
+
+  EXPECT_LE(told_.size(), 100U);
+  EXPECT_THAT(told_.back(), testing::EndsWith(">1000"));
+}
+
+TEST_F(WatchTest, forgetsWhatItHeardWithTheConnection) {
+  watchAndSettle();
+  daemon_.change("Audio.Volume", "6");
+  daemon_.change("Audio.Volume", "7");
+  announceAll();  // heard while the property is read again
+  breakConnection();
+  daemon_.requests.clear();
+  told_.clear();
+
+  restoreConnection();
+  serveAll();
+
+  EXPECT_THAT(told_, ElementsAre("Audio.Volume 5>7"));
+}
+
+TEST_F(WatchTest, believesNoOlderAnnouncementAfterALoss) {
+  watchAndSettle();
+  daemon_.change("Audio.Volume", "6");
+  settle();
+  daemon_.change("Audio.Volume", "7");
+  settle();  // settled by now
+  breakConnection();
+  restoreConnection();
+  daemon_.change("Audio.Volume", "8");
+  daemon_.change("Audio.Volume", "9");
+  serveAll();
+  told_.clear();
+
+  announceAll();
+  serveAll();
+
+  EXPECT_THAT(told_, IsEmpty());
+}
+
 // Its end.
 
 TEST_F(WatchTest, tellsNothingAfterItsEndInACallback) {
@@ -467,7 +597,8 @@ TEST_F(WatchTest, givesWayToAnotherWatch) {
 
   EXPECT_THAT(told_, IsEmpty());
   EXPECT_THAT(toldOther, ElementsAre("Net.Name >desk"));
-  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service-net/any", "prop-service/panel"));
+  EXPECT_THAT(daemon_.subscriptions,
+              ElementsAre("prop-service-net/any", "prop-service/panel", "services/prop-service/online"));
 }
 
 TEST_F(WatchTest, isRefusedBeforeTheFirstConnection) {

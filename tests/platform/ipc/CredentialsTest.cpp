@@ -31,8 +31,9 @@ TEST_F(CredentialsFile, thatIsMissingMeansNoAuthentication) {
 }
 
 TEST_F(CredentialsFile, thatOthersMayReadIsRefused) {
-  EXPECT_THROW(readCredentials(write("panel\nsecret\n", 0640)), IPCException);
-  EXPECT_THROW(readCredentials(write("panel\nsecret\n", 0604)), IPCException);
+  for (const mode_t mode : {0640U, 0620U, 0610U, 0604U, 0602U, 0601U}) {
+    EXPECT_THROW(readCredentials(write("panel\nsecret\n", mode)), IPCException) << mode;
+  }
 }
 
 TEST_F(CredentialsFile, thatNamesNoUserIsRefused) {
@@ -41,7 +42,12 @@ TEST_F(CredentialsFile, thatNamesNoUserIsRefused) {
 }
 
 TEST_F(CredentialsFile, thatIsNoFileIsRefused) {
+  chmod(directory_.path().c_str(), 0700);
   EXPECT_THROW(readCredentials(directory_.path()), IPCException);
+}
+
+TEST_F(CredentialsFile, thatCannotBeLookedForIsNotTakenForMissing) {
+  EXPECT_THROW(readCredentials(write("panel\nsecret\n") + "/below"), IPCException);
 }
 
 }  // namespace

@@ -1,17 +1,20 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
-#include <poll.h>
+#include <sys/stat.h>
 #include <thread>
 
 #include "ipc/IIPCCallback.h"
 #include "ipc/IPCException.h"
 #include "ipc/IPCFactory.h"
+#include "platform/mqtt/ScriptedBroker.h"
 #include "support/Broker.h"
 #include "support/LogCapture.h"
 
@@ -19,6 +22,8 @@ namespace ipc {
 namespace {
 
 using namespace std::chrono_literals;
+using mqtt::test::Packet;
+using mqtt::test::ScriptedBroker;
 using propertyservice::test::Broker;
 using propertyservice::test::LogCapture;
 using testing::Each;
@@ -83,56 +88,6 @@ class Recorder : public IIPCCallback {
   std::vector<std::string> losses_;
 };
 
-/// Something that listens on the broker's port and is no broker: it answers only what it is told to.
-class Impostor {
- public:
-  Impostor() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const int on = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(1883);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener_, 8) != 0) {
-      throw std::runtime_error("cannot listen");
-    }
-  }
-  Impostor(const Impostor&) = delete;
-  Impostor& operator=(const Impostor&) = delete;
-  ~Impostor() {
-    for (const int connection : connections_) {
-      close(connection);
-    }
-    close(listener_);
-  }
-
-  /// Whether a client connects before the deadline. The connection stays.
-  bool accept() {
-    pollfd listening{listener_, POLLIN, 0};
-    if (poll(&listening, 1, std::chrono::milliseconds(kDeadline).count()) != 1) {
-      return false;
-    }
-    connections_.push_back(::accept(listener_, nullptr, nullptr));
-    return true;
-  }
-
-  /// A packet from the latest client.
-  std::string receive() {
-    char packet[256];
-    const ssize_t size = read(connections_.back(), packet, sizeof packet);
-    return {packet, static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
-  }
-
-  void send(const std::string& packet) {
-    ASSERT_EQ(write(connections_.back(), packet.data(), packet.size()), static_cast<ssize_t>(packet.size()));
-  }
-
- private:
-  const int listener_;
-  std::vector<int> connections_;
-};
-
 std::shared_ptr<IIPCClient> makeClient(const std::string& name = "tested") {
   return IPCFactory::createInstanceShared(name, "localhost", false);
 }
@@ -170,9 +125,11 @@ class BusClient : public testing::Test {
   std::shared_ptr<IIPCClient> client_ = makeClient();
 };
 
-/// A client for which no broker is started.
+/// A client for which no broker is started, but perhaps a scripted one.
 class LonelyBusClient : public testing::Test {
  protected:
+  static constexpr std::uint16_t kPort = 1883;
+
   Recorder recorder_;
   std::shared_ptr<IIPCClient> client_ = makeClient();
 };
@@ -201,7 +158,7 @@ TEST_F(LonelyBusClient, triesEachAddressOfTheHost) {
 }
 
 TEST_F(LonelyBusClient, givesUpABrokerThatStaysSilentFor10Seconds) {
-  const Impostor silent;
+  const ScriptedBroker silent("127.0.0.1", kPort);
   const auto start = std::chrono::steady_clock::now();
 
   const std::string failure = failureOf([&] { client_->connect(0, 2, "localhost"); });
@@ -218,37 +175,138 @@ TEST_F(LonelyBusClient, throwsWhenTheBrokerRefusesTheConnection) {
 }
 
 TEST_F(LonelyBusClient, throwsWhenTheBrokerRefusesASubscription) {
-  Impostor impostor;
+  ScriptedBroker broker("127.0.0.1", kPort);
   client_->subscribe("secret", &recorder_);
   std::future<std::string> failure =
       std::async(std::launch::async, [&] { return failureOf([&] { client_->connect(0, 2, "localhost"); }); });
 
-  ASSERT_TRUE(impostor.accept());
-  impostor.receive();
-  impostor.send(std::string("\x20\x02\x00\x00", 4));
-  const std::string subscribe = impostor.receive();
-  impostor.send("\x90\x03" + subscribe.substr(2, 2) + "\x80");
+  ASSERT_TRUE(broker.accept());
+  broker.expect(Packet::connect);
+  broker.send(ScriptedBroker::accepted());
+  broker.send(ScriptedBroker::denied(broker.expect(Packet::subscribe).id()));
 
   EXPECT_EQ(failure.get(), "connect to localhost: the broker refuses the subscription to \"secret\"");
+  EXPECT_EQ(failureOf([&] { client_->publish("out", "x", 1); }), "publish on \"out\": not connected");
 }
 
 TEST_F(LonelyBusClient, logsThatTheBrokerRefusesALaterSubscription) {
   LogCapture log;
-  Impostor impostor;
-  client_ = IPCFactory::createInstanceShared("tested", "localhost", true);  // publishes nothing by itself
+  ScriptedBroker broker("127.0.0.1", kPort);
   std::future<void> connected = std::async(std::launch::async, [&] { client_->connect(0, 2, "localhost"); });
-  ASSERT_TRUE(impostor.accept());
-  impostor.receive();
-  impostor.send(std::string("\x20\x02\x00\x00", 4));
+  broker.open(0, true);
   connected.get();
 
   client_->subscribe("secret", &recorder_);
-  const std::string subscribe = impostor.receive();
-  impostor.send("\x90\x03" + subscribe.substr(2, 2) + "\x80");
-  impostor.send(std::string("\x30\x09\x00\x06secretx", 11));
+  broker.send(ScriptedBroker::denied(broker.expect(Packet::subscribe).id()) +
+              ScriptedBroker::message("secret", "x"));
 
   EXPECT_THAT(recorder_.payloads(1), ElementsAre("x"));
   EXPECT_THAT(log.linesWith("The broker refuses the subscription to \"secret\""), SizeIs(1));
+}
+
+TEST_F(LonelyBusClient, logsOnceWhyTheConnectionIsNotBackAndThatItIs) {
+  LogCapture log;
+  ScriptedBroker broker("127.0.0.1", kPort);
+  client_->subscribe("in", &recorder_);
+  std::future<void> connected = std::async(std::launch::async, [&] { client_->connect(0, 2, "localhost"); });
+  broker.open(1, true);
+  connected.get();
+  for (int i = 0; i < 3; ++i) {
+    broker.closeConnection();
+    ASSERT_TRUE(broker.accept());
+    broker.expect(Packet::connect);
+    broker.send(ScriptedBroker::refused(3));
+  }
+
+  broker.open(1, true);
+  broker.send(ScriptedBroker::message("in", "x"));
+
+  EXPECT_THAT(recorder_.payloads(1), ElementsAre("x"));
+  EXPECT_THAT(log.linesWith("No connection to localhost yet: "), SizeIs(1));
+  EXPECT_THAT(log.linesWith("The connection to localhost is back"), SizeIs(1));
+}
+
+TEST_F(LonelyBusClient, givesUpConnectingWhenItIsToldToDisconnect) {
+  ScriptedBroker silent("127.0.0.1", kPort);
+  std::future<std::string> failure =
+      std::async(std::launch::async, [&] { return failureOf([&] { client_->connect(0, 2, "localhost"); }); });
+  ASSERT_TRUE(silent.accept());
+  const auto start = std::chrono::steady_clock::now();
+
+  client_->disconnect();
+
+  EXPECT_EQ(failure.get(), "connect to localhost: cancelled by a disconnect");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+}
+
+TEST_F(LonelyBusClient, answersEachRequestBeforeItServesTheNext) {
+  ScriptedBroker broker("127.0.0.1", kPort);
+  std::promise<void> mayEnd;
+  recorder_.onMessage = [&](const std::string&, const std::string& payload) {
+    if (payload == "export") {
+      mayEnd.get_future().wait();
+    }
+    client_->publish("reply", payload, 1);
+  };
+  client_->subscribe("in", &recorder_);
+  std::future<void> connected = std::async(std::launch::async, [&] { client_->connect(0, 2, "localhost"); });
+  broker.open(1, true);
+  connected.get();
+
+  std::string requests;
+  for (int i = 1; i <= 6; ++i) {
+    requests += ScriptedBroker::message("in", std::to_string(i), 1, i);
+  }
+  broker.send(requests + ScriptedBroker::message("in", "export", 1, 7));
+  std::vector<std::string> replies;
+  while (replies.size() < 6) {
+    const auto packet = broker.receive();
+    ASSERT_TRUE(packet);
+    if (packet->type() == Packet::publish) {
+      replies.push_back(packet->payload());
+    }
+  }
+  mayEnd.set_value();
+  broker.expect(Packet::publish);
+
+  EXPECT_THAT(replies, ElementsAre("1", "2", "3", "4", "5", "6"));
+}
+
+TEST_F(LonelyBusClient, presentsTheCredentialsOfItsName) {
+  mkdir("/etc/ipc", 0700);
+  std::ofstream("/etc/ipc/tested.credentials") << "tested\nsecret\n";
+  chmod("/etc/ipc/tested.credentials", 0600);
+  ScriptedBroker broker("127.0.0.1", kPort);
+  std::future<std::string> failure =
+      std::async(std::launch::async, [&] { return failureOf([&] { client_->connect(0, 2, "localhost"); }); });
+
+  ASSERT_TRUE(broker.accept());
+
+  EXPECT_THAT(broker.expect(Packet::connect).body,
+              testing::EndsWith(Packet::text("tested") + Packet::text("secret")));
+  broker.send(ScriptedBroker::refused(5));
+  failure.wait();
+}
+
+TEST_F(LonelyBusClient, comesByToSayThatItIsAlive) {
+  const Broker broker;
+  std::atomic<int> times = 0;
+  client_ = IPCFactory::createInstanceShared("tested", "localhost", false, [&] { ++times; });
+  client_->subscribe("in", &recorder_);
+  client_->connect(0, 2, "localhost");
+  for (const std::string& number : numbers(100)) {
+    client_->publish("in", number, 1);
+  }
+  recorder_.messages(100);
+  const int early = times;
+
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (times < 2 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(10ms);
+  }
+
+  EXPECT_EQ(early, 1);
+  EXPECT_EQ(times, 2);
 }
 
 TEST_F(LonelyBusClient, cannotPublishBeforeItIsConnected) {
@@ -436,6 +494,62 @@ TEST_F(BusClient, survivesAnExceptionFromACallbackAndLogsIt) {
               ElementsAre(HasSubstr("IPC error")));
 }
 
+TEST_F(BusClient, survivesAForeignExceptionAndLogsIt) {
+  LogCapture log;
+  recorder_.onMessage = [](const std::string&, const std::string& payload) {
+    if (payload == "bad") {
+      throw 1;
+    }
+  };
+  connect();
+
+  client_->publish("in/a", "bad", 1);
+  client_->publish("in/a", "good", 1);
+
+  EXPECT_THAT(recorder_.payloads(2), ElementsAre("bad", "good"));
+  EXPECT_THAT(log.linesWith("Exception in messageArrived on \"in/a\""), SizeIs(1));
+}
+
+TEST_F(BusClient, dropsARetainedMessageAndNamesItsSender) {
+  LogCapture log;
+  ASSERT_EQ(std::system("mosquitto_pub -t in/panel -m old -q 1 -r"), 0);
+  connect();
+
+  client_->publish("in/panel", "new", 1);
+
+  EXPECT_THAT(recorder_.payloads(1), ElementsAre("new"));
+  EXPECT_THAT(log.linesWith("Dropped a retained message on \"in/panel\""),
+              ElementsAre(HasSubstr("IPC warning")));
+}
+
+TEST_F(BusClient, announcesItsPresenceUnlessItHasAUniqueSuffix) {
+  const auto watcher = IPCFactory::createInstanceShared("watcher", "localhost", true);
+  watcher->subscribe("services/+/online", &second_);
+  watcher->connect(1, 1, "localhost");
+
+  connect();
+  EXPECT_THAT(second_.messages(1), ElementsAre(Message("services/tested/online", "1")));
+  client_->disconnect();
+
+  EXPECT_THAT(second_.messages(2),
+              ElementsAre(Message("services/tested/online", "1"), Message("services/tested/online", "0")));
+}
+
+TEST_F(BusClient, ignoresBrokenPipesUnlessTheProgramHandlesThem) {
+  struct sigaction present {};
+  sigaction(SIGPIPE, nullptr, &present);
+  EXPECT_EQ(present.sa_handler, SIG_IGN);
+
+  present.sa_handler = [](int) {};
+  sigaction(SIGPIPE, &present, nullptr);
+  makeClient("other");
+  struct sigaction later {};
+  sigaction(SIGPIPE, nullptr, &later);
+  signal(SIGPIPE, SIG_IGN);
+
+  EXPECT_EQ(later.sa_handler, present.sa_handler);
+}
+
 TEST_F(BusClient, tellsEachCallbackOfADelivery) {
   client_->subscribe("other", &second_);
   connect();
@@ -507,7 +621,7 @@ TEST_F(BusClient, comesBackAfterSomethingThatTookConnectionsAndSaidNothing) {
   connect();
   broker_.kill();
   {
-    Impostor silent;
+    ScriptedBroker silent("127.0.0.1", 1883);
     ASSERT_TRUE(silent.accept());
     ASSERT_TRUE(silent.accept()) << "the first attempt still waits";
   }
