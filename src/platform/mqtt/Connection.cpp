@@ -208,7 +208,6 @@ Connection::Library Connection::makeLibrary() {
   if (!settings_.presenceTopic.empty()) {
     mosquitto_will_set(raw, settings_.presenceTopic.c_str(), 1, "0", 1, true);
   }
-  mosquitto_int_option(raw, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(raw, MOSQ_OPT_TCP_NODELAY, 1);
   mosquitto_int_option(raw, MOSQ_OPT_SEND_MAXIMUM, 0);  // no other limit than that of the outbox
 

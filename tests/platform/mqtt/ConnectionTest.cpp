@@ -891,6 +891,7 @@ TEST_F(Pausing, comesBackWithItsSubscriptions) {
 }
 
 TEST_F(Pausing, forgetsSubscriptionsThatStayedUnanswered) {
+  settings_.resends = true;
   connection().subscribe("a");
   open(1);
   connection_->subscribe("b");

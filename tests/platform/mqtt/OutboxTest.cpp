@@ -47,6 +47,15 @@ TEST(Outbox, countsWhatWaits) {
   EXPECT_FALSE(outbox.hasRoomFor(1));
 }
 
+TEST(Outbox, hasRoomAgainForWhatLeftTheQueue) {
+  Outbox outbox;
+  outbox.wait("a", "123456789", 1);
+
+  outbox.removeNext();
+
+  EXPECT_TRUE(outbox.hasRoomFor(Outbox::kMostBytes));
+}
+
 TEST(Outbox, holdsBackWhatFindsTheFlightFull) {
   Outbox outbox;
   for (int id = 1; id <= int{Outbox::kMostInFlight}; ++id) {
