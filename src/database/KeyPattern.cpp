@@ -11,16 +11,16 @@ namespace {
 
 constexpr std::size_t kLargestPatternBytes = 256;
 
-/// Behind a backslash these make a group, an interval, a back-reference or a GNU operator. With them a few
-/// bytes suffice to keep the C library busy for seconds, and to have it take gigabytes.
-constexpr std::string_view kDangerousEscapes = "(){}|+?<>`'wWsSbB123456789";
+/// After a backslash these make a group, an interval, a back-reference or a GNU operator, with which an
+/// expression is not a simple one.
+constexpr std::string_view kOperators = "(){}|+?<>`'wWsSbB123456789";
 
-bool isDangerous(std::string_view pattern) {
+bool isRefused(std::string_view pattern) {
   if (pattern.size() > kLargestPatternBytes || pattern.find('\0') != std::string_view::npos) {
     return true;
   }
   for (std::size_t i = 0; i + 1 < pattern.size(); ++i) {
-    if (pattern[i] == '\\' && kDangerousEscapes.find(pattern[++i]) != std::string_view::npos) {
+    if (pattern[i] == '\\' && kOperators.find(pattern[++i]) != std::string_view::npos) {
       return true;
     }
   }
@@ -29,7 +29,7 @@ bool isDangerous(std::string_view pattern) {
 
 struct Head {
   std::string_view bytes;
-  bool decides;  ///< Nothing behind it can keep a text that begins so from matching.
+  bool decides;  ///< Nothing after it can keep a text that begins so from matching.
 };
 
 /// The part of an expression before the first operator other than ".".
@@ -50,19 +50,19 @@ Head headOf(std::string_view expression) {
 }  // namespace
 
 std::optional<KeyPattern> KeyPattern::compile(const std::string& pattern) {
-  if (isDangerous(pattern)) {
+  if (isRefused(pattern)) {
     return std::nullopt;
   }
-  std::string expression = "^" + pattern;
+  std::string expression = pattern;
   if (const std::size_t wildcard = expression.find(kSqlWildcard); wildcard != std::string::npos) {
     expression.replace(wildcard, kSqlWildcard.size(), kRegexpWildcard);
   }
 
   KeyPattern compiled;
-  const Head head = headOf(std::string_view(expression).substr(1));
+  const Head head = headOf(expression);
   compiled.head_ = head.bytes;
   if (!head.decides) {
-    compiled.expression_ = RegularExpression::compile(expression, 0);
+    compiled.expression_ = SimpleExpression::compile(expression);
     if (!compiled.expression_) {
       return std::nullopt;
     }

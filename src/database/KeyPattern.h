@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "core/RegularExpression.h"
+#include "database/SimpleExpression.h"
 
 namespace propertyservice {
 
@@ -11,9 +11,9 @@ namespace propertyservice {
 /// themselves; the rest is a POSIX basic regular expression, anchored at the start of the key only.
 class KeyPattern {
  public:
-  /// Nothing when the expression does not compile, or when it could stall or end the process in the C
-  /// library: longer than 256 bytes, with a NUL, or with a back-reference, group, interval or one of the GNU
-  /// operators behind a backslash.
+  /// Nothing when the expression does not compile, is longer than 256 bytes, has a NUL, or has a
+  /// back-reference, group, interval or GNU operator: a backslash before one of `( ) { } | + ? < > ' w W s S
+  /// b B`, a backtick or a digit from 1 to 9.
   static std::optional<KeyPattern> compile(const std::string& pattern);
 
   bool matches(const std::string& key) const;
@@ -22,7 +22,7 @@ class KeyPattern {
   KeyPattern() = default;
 
   std::string head_;  ///< What every match begins with, byte for byte; a "." stands for any byte.
-  std::optional<RegularExpression> expression_;  ///< None where the head alone decides.
+  std::optional<SimpleExpression> expression_;  ///< None where the head alone decides.
 };
 
 }  // namespace propertyservice
