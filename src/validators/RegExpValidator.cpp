@@ -14,6 +14,24 @@ namespace {
 
 constexpr std::size_t kMostKeptExpressions = 256;
 
+/// A compiled expression takes up to 4 KiB more with each new byte that it reads.
+constexpr std::size_t kMostBytesRead = 1536;
+
+/// The expressions of one thread, since one serves one thread at a time.
+struct KeptExpressions {
+  std::unordered_map<std::string, RegularExpression> byPattern;
+  std::size_t bytesRead = 0;  ///< By all of them.
+
+  /// Makes room for what reading a text of `size` may take.
+  void prepareToRead(std::size_t size) {
+    if (bytesRead + size > kMostBytesRead) {
+      byPattern.clear();
+      bytesRead = 0;
+    }
+    bytesRead += size;
+  }
+};
+
 bool refuse(Property& property) {
   property.setStatus(Status::RegExpError);
   return false;
@@ -22,36 +40,37 @@ bool refuse(Property& property) {
 }  // namespace
 
 bool RegExpValidator::validate(Property& property) {
-  // By pattern: to compile one takes far longer than to match it. Per thread: one expression serves one
-  // thread at a time.
-  thread_local std::unordered_map<std::string, RegularExpression> kept;
+  thread_local KeptExpressions kept;
 
   property.setStatus(Status::Ok);
   if (property.member(column::kRegexp).isNull()) {
     return true;
   }
   const std::string pattern = property.text(column::kRegexp);
-  auto expression = kept.find(pattern);
-  if (expression == kept.end()) {
+  const Json::Value& value = property.member(column::kValue);
+  const bool isText = value.isConvertibleTo(Json::stringValue);
+  const std::string text = isText ? value.asString() : json::write(value);
+
+  kept.prepareToRead(text.size());
+  auto expression = kept.byPattern.find(pattern);
+  if (expression == kept.byPattern.end()) {
     auto compiled = RegularExpression::compile(pattern, REG_EXTENDED);
     if (!compiled) {
       logger().info() << "Regexp compilation failed";
       return refuse(property);
     }
-    expression = kept.emplace(pattern, std::move(*compiled)).first;
+    expression = kept.byPattern.emplace(pattern, std::move(*compiled)).first;
   }
 
-  const Json::Value& value = property.member(column::kValue);
-  const bool isText = value.isConvertibleTo(Json::stringValue);
-  const bool matches = isText && expression->second.matches(value.asString());
-  if (!matches || kept.size() > kMostKeptExpressions) {
-    kept.erase(expression);
+  const bool matches = isText && expression->second.matches(text);
+  if (!matches || kept.byPattern.size() > kMostKeptExpressions) {
+    kept.byPattern.erase(expression);
   }
   if (matches) {
     return true;
   }
-  logger().info() << "Regexp: " << pattern << " comparison failed for value:" <<
-      [&] { return excerpt(isText ? value.asString() : json::write(value)); };
+  logger().info() << "Regexp: " << pattern
+                  << " comparison failed for value:" << [&] { return excerpt(text); };
   return refuse(property);
 }
 

@@ -1,5 +1,8 @@
+#include <algorithm>
 #include <atomic>
+#include <functional>
 #include <malloc.h>
+#include <random>
 #include <thread>
 
 #include "core/Constants.h"
@@ -120,6 +123,66 @@ TEST(RegExpValidator, boundsTheMemoryThatItsPatternsTake) {
   }
 
   EXPECT_LT(mallinfo2().uordblks, before + kMostBytes);
+}
+
+/// Different texts that "^.*[A-Z].{16}[0-9]$" matches.
+std::vector<std::string> textsOf218Bytes(int count) {
+  std::mt19937 random(1);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same texts in every run
+  std::vector<std::string> texts;
+  for (int i = 0; i < count; ++i) {
+    std::string text(218, 'A');
+    for (char& character : text) {
+      character = static_cast<char>((random() % 2 == 0 ? 'A' : 'a') + random() % 26);
+    }
+    text[200] = 'A';
+    text[217] = '1';
+    texts.push_back(text);
+  }
+  return texts;
+}
+
+constexpr int kTexts = 150;  // the library alone takes 90 MB for as many
+
+/// By how much the memory in use grows at most while each text is judged under its pattern, in a thread that
+/// keeps no expressions yet.
+std::size_t mostGrowth(const std::vector<std::string>& texts,
+                       const std::function<std::string(std::size_t)>& pattern) {
+  const auto allocated = [] {
+    const auto heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+  };
+  std::size_t growth = 0;
+  std::thread([&] {
+    const std::size_t before = allocated();
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+      EXPECT_EQ(verdict(pattern(i), texts[i]), Status::Ok);
+      growth = std::max(growth, allocated() - std::min(before, allocated()));
+    }
+  }).join();
+  return growth;
+}
+
+constexpr std::size_t kMostGrowth = std::size_t{8} * 1024 * 1024;
+
+TEST(RegExpValidator, boundsTheMemoryThatDifferentTextsTake) {
+  EXPECT_LT(mostGrowth(textsOf218Bytes(kTexts), [](std::size_t) { return "^.*[A-Z].{16}[0-9]$"; }),
+            kMostGrowth);
+}
+
+TEST(RegExpValidator, boundsTheMemoryThatTextsUnder256PatternsTake) {
+  const auto pattern = [](std::size_t i) { return "^(.*[A-Z].{16}[0-9]|" + std::to_string(i % 256) + ")$"; };
+
+  EXPECT_LT(mostGrowth(textsOf218Bytes(300), pattern), kMostGrowth);
+}
+
+TEST(RegExpValidator, boundsTheMemoryThatShortTextsUnder256PatternsTake) {
+  std::vector<std::string> texts = textsOf218Bytes(1600);
+  for (std::string& text : texts) {
+    text.erase(0, 200);
+  }
+  const auto pattern = [](std::size_t i) { return "^(.*[A-Z].{16}[0-9]|" + std::to_string(i % 256) + ")$"; };
+
+  EXPECT_LT(mostGrowth(texts, pattern), kMostGrowth);
 }
 
 TEST(RegExpValidator, judgesInSeveralThreadsAtOnce) {
