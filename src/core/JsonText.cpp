@@ -1,6 +1,9 @@
 #include "core/JsonText.h"
 
 #include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
 #include <utility>
 
 #include <json/reader.h>
@@ -13,6 +16,83 @@
 namespace propertyservice::json {
 
 namespace {
+
+constexpr std::size_t kDeepestNesting = 100;
+
+/// A value takes up to 160 bytes when it is read. A member of an object needs 5 bytes of text, so that an
+/// object of 1 MiB always keeps within this limit.
+constexpr std::size_t kMostValues = std::size_t{256} * 1024;
+
+std::size_t endOfString(std::string_view text, std::size_t begin) {
+  std::size_t end = begin + 1;
+  while (end < text.size() && text[end] != '"') {
+    end += text[end] == '\\' ? 2 : 1;
+  }
+  return end + 1;
+}
+
+std::size_t endOfComment(std::string_view text, std::size_t begin) {
+  const std::string_view rest = text.substr(begin);
+  if (rest.starts_with("/*")) {
+    const std::size_t end = rest.find("*/", 2);
+    return end == std::string_view::npos ? text.size() : begin + end + 2;
+  }
+  return rest.starts_with("//") ? text.find_first_of("\r\n", begin) : begin + 1;
+}
+
+/// Some versions of the reader take a number beyond a double for infinity.
+bool isBeyondDouble(const std::string& text, std::size_t begin, std::size_t end) {
+  constexpr std::size_t kMostDigits = std::numeric_limits<double>::max_exponent10;
+  const std::string_view number = std::string_view(text).substr(begin, end - begin);
+  return (number.size() > kMostDigits || number.find_first_of("eE") != std::string_view::npos) &&
+         std::isinf(std::strtod(text.c_str() + begin, nullptr));
+}
+
+/// Goes over the first object or array as the reader will, which has no limits of its own or others in each
+/// version: false where it is nested too deep, has too many values, or a number too large.
+bool keepsLimits(const std::string& text) {
+  std::size_t depth = 0;
+  std::size_t values = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    switch (text[at]) {
+      case '"':
+        at = endOfString(text, at);
+        continue;
+      case '/':
+        at = endOfComment(text, at);
+        continue;
+      case '[':
+      case '{':
+        if (++depth > kDeepestNesting) {
+          return false;
+        }
+        [[fallthrough]];
+      case ',':
+        if (++values > kMostValues) {
+          return false;
+        }
+        break;
+      case ']':
+      case '}':
+        if (depth <= 1) {
+          return true;
+        }
+        --depth;
+        break;
+      default:
+        if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {
+          const std::size_t end = std::min(text.find_first_not_of("0123456789+-.eE", at), text.size());
+          if (isBeyondDouble(text, at, end)) {
+            return false;
+          }
+          at = end;
+          continue;
+        }
+    }
+    ++at;
+  }
+  return true;
+}
 
 bool isPlain(char character) {
   const auto byte = static_cast<unsigned char>(character);
@@ -41,6 +121,9 @@ bool parseOrThrow(const std::string& text, Json::Value& value) {
   // To make one costs a tenth of reading a request.
   thread_local Json::Reader reader;
 
+  if (!keepsLimits(text)) {
+    throw Json::RuntimeError("JSON that is nested too deeply, or too large");
+  }
   return reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
 }
 

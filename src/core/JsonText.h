@@ -8,12 +8,13 @@
 /// The one way between text and JSON.
 namespace propertyservice::json {
 
-/// Reads `text` into `value`. Comments are accepted and not kept; what stands behind the first value is
-/// ignored. Returns false when the text does not parse, nested deeper than the reader bears (1000 levels)
-/// included; `value` then holds what was read up to there, often null. Throws nothing.
+/// Reads `text` into `value`. Comments are accepted and not kept; what follows the first value is ignored.
+/// Returns false when the text does not parse; `value` then holds what was read up to there, often null. Text
+/// that is nested deeper than 100 levels, has more than 262,144 values or a number beyond a double does not
+/// parse. Throws nothing.
 bool parse(const std::string& text, Json::Value& value);
 
-/// The same, but throws `Json::Exception` for what is nested too deeply.
+/// The same, but throws `Json::Exception` for text beyond one of these limits.
 bool parseOrThrow(const std::string& text, Json::Value& value);
 
 /// `value` on one line, without blanks, all characters outside ASCII escaped, ended by a line feed.

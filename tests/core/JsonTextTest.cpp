@@ -11,11 +11,90 @@ TEST(JsonText, readsAnObjectWithComments) {
   EXPECT_EQ(value["a"], Json::Value(1));
 }
 
-TEST(JsonText, refusesNestingThatTheReaderThrowsOn) {
+std::string nested(const std::string& open, const std::string& inner, const std::string& close, int levels) {
+  std::string text = inner;
+  for (int i = 0; i < levels; ++i) {
+    text.insert(0, open);
+    text += close;
+  }
+  return text;
+}
+
+TEST(JsonText, refusesNestingDeeperThan100Levels) {
+  Json::Value value;
+  for (const auto& [open, close] : std::vector<std::pair<std::string, std::string>>{
+           {"[", "]"}, {"{\"a\":", "}"}, {"[0,{\"[\":", "}]"}, {"[/* ] */", "]"}, {"[ // ]\n", "]"}}) {
+    const int levels = open.find('{') != std::string::npos && open.front() == '[' ? 50 : 100;
+
+    EXPECT_TRUE(json::parse(nested(open, "1", close, levels), value)) << open;
+    EXPECT_FALSE(json::parse(nested(open, "1", close, levels + 1), value)) << open;
+  }
+  EXPECT_FALSE(json::parse(std::string(101, '['), value));
+  EXPECT_FALSE(json::parse(std::string(100'000, '['), value));
+}
+
+TEST(JsonText, countsNoNestingInStringsAndCommentsAndAfterTheValue) {
+  Json::Value value;
+  const std::string brackets(1000, '[');
+
+  for (const std::string& text :
+       {"[\"" + brackets + "\"]", "[\"\\\"" + brackets + "\"]", "[\"\\\\\", \"" + brackets + "\"]",
+        "/*" + brackets + "*/[]", "//" + brackets + "\n[]", "//" + brackets + "\r[]",
+        "[/*/" + brackets + "*/1]", "{}" + brackets, "[[], [], [[]]]" + brackets}) {
+    EXPECT_TRUE(json::parse(text, value)) << text;
+  }
+}
+
+TEST(JsonText, countsNestingAfterWhatOnlyLooksLikeAStringOrAComment) {
+  Json::Value value;
+  const std::string tooDeep = nested("[", "", "]", 100);
+
+  for (const std::string text : {"\"\\\\\",", "\"/*\",", "\"//\",", "/**/", "/***/", "//\r", "/* // */"}) {
+    EXPECT_FALSE(json::parse("[" + text + tooDeep + "]", value)) << text;
+  }
+}
+
+TEST(JsonText, refusesMoreThan262144Values) {
+  const auto arrayOf = [](std::size_t values) {
+    std::string text;
+    while (text.size() < 2 * values) {
+      text += "0,";
+    }
+    text.back() = ']';
+    return "[" + text;
+  };
   Json::Value value;
 
-  EXPECT_FALSE(json::parse(std::string(1001, '['), value));
-  EXPECT_FALSE(json::parse(std::string(100'000, '['), value));
+  EXPECT_TRUE(json::parse(arrayOf(1 << 18), value));
+  EXPECT_FALSE(json::parse(arrayOf((1 << 18) + 1), value));
+}
+
+TEST(JsonText, readsAnyObjectOf1MiBWithoutNesting) {
+  std::string text = "{\"\":0";
+  while (text.size() < (1 << 20) - 6) {
+    text += ",\"\":0";
+  }
+  Json::Value value;
+
+  EXPECT_TRUE(json::parse(text + "}", value));
+}
+
+TEST(JsonText, refusesNumbersBeyondADouble) {
+  const std::string digits(310, '9');
+  for (const std::string& number : {std::string("1e999"), std::string("-1E999"), std::string("1.5e+309"),
+                                    digits, "-" + digits, digits + ".0"}) {
+    Json::Value value;
+
+    EXPECT_FALSE(json::parse("[" + number + "]", value)) << number;
+    EXPECT_FALSE(json::parse("{\"a\":" + number + ",\"a\":1}", value)) << number;
+  }
+  for (const std::string& number :
+       {std::string("1e308"), std::string("-1E+308"), std::string("1e-999"), std::string(300, '9'),
+        "0." + digits, std::string("\"1e999\""), std::string("1/*1e999*/")}) {
+    Json::Value value;
+
+    EXPECT_TRUE(json::parse("[" + number + "]", value)) << number;
+  }
 }
 
 TEST(JsonText, refusesTextThatIsNoJson) {
