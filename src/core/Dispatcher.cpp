@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <exception>
+#include <malloc.h>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
@@ -25,6 +26,11 @@ using namespace common::JSONDefinitions;
 namespace {
 
 constexpr std::size_t kLargestPayloadBytes = std::size_t{1024} * 1024;
+
+/// The allocator would keep what a larger request and its reply took. Giving it back takes up to a
+/// millisecond.
+constexpr std::size_t kLargeExchangeBytes = std::size_t{128} * 1024;
+constexpr std::size_t kManyDeliveries = 4096;
 
 struct Shutdown {
   std::mutex mutex;
@@ -135,6 +141,14 @@ void Dispatcher::connectionLost(const std::string& cause) {
 }
 
 void Dispatcher::messageArrived(const std::string& topic, const std::string& payload) {
+  const std::size_t replySize = serve(topic, payload);
+  if (payload.size() + replySize > kLargeExchangeBytes) {
+    malloc_trim(0);
+    replyIsLarge_ = replySize > kLargeExchangeBytes;
+  }
+}
+
+std::size_t Dispatcher::serve(const std::string& topic, const std::string& payload) {
   constexpr int kQos = 1;
   // Many that come at once may take longer than the watchdog allows.
   common::ServiceManager::instance().alive();
@@ -143,13 +157,14 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& pay
   // A reply on the request's own topic would come back as a request, and be answered for ever.
   if (answerTopic == topic || !readRequest(payload, request)) {
     logger().error() << "Invalid message: " << [&] { return excerpt(payload); };
-    return;
+    return 0;
   }
   try {
     const std::string text = answer(request);
     if (answerTopic) {
       client_->publish(*answerTopic, text, kQos);
     }
+    return text.size();
   } catch (const std::exception& error) {
     const Json::Value& name = request[PROPERTY_METHOD];
     logger().error() << "No reply to "
@@ -162,6 +177,10 @@ void Dispatcher::messageArrived(const std::string& topic, const std::string& pay
 
 void Dispatcher::deliveryComplete(const std::string& topic) {
   logger().info() << "Delivery completed on topic " << [&] { return common::quote(excerpt(topic)); };
+  // What a request caused is freed as it is delivered.
+  if (std::exchange(replyIsLarge_, false) || ++deliveries_ % kManyDeliveries == 0) {
+    malloc_trim(0);
+  }
 }
 
 void Dispatcher::waitForShutdown() {

@@ -34,7 +34,7 @@ class Dispatcher : public ipc::IIPCCallback {
   void connectionLost(const std::string& cause) override;
 
   /// A message that is no JSON object is logged and not answered; neither is one larger than 1 MiB, or one
-  /// whose reply would be a request again.
+  /// whose reply would be a request again. The memory that a large request took is given back.
   void messageArrived(const std::string& topic, const std::string& payload) override;
 
   void deliveryComplete(const std::string& topic) override;
@@ -46,6 +46,9 @@ class Dispatcher : public ipc::IIPCCallback {
   using Handler = std::function<std::string(const Json::Value& request)>;
 
   void stop();
+
+  /// Returns the size of the reply.
+  std::size_t serve(const std::string& topic, const std::string& payload);
 
   /// The reply to a request, as text. So it is with every handler.
   std::string answer(const Json::Value& request);
@@ -69,6 +72,8 @@ class Dispatcher : public ipc::IIPCCallback {
   const std::unique_ptr<IDatabaseBackup> backup_;
   const std::unique_ptr<IMessenger> messenger_;
   std::map<Json::Value, Handler> handlers_;  // by request name; constant after construction
+  bool replyIsLarge_ = false;                // and is not delivered yet
+  std::size_t deliveries_ = 0;
 };
 
 /// Ends a `Dispatcher::waitForShutdown` that is under way, or cancels the connect of `Dispatcher::run`. A

@@ -16,13 +16,20 @@ using namespace common::JSONDefinitions;
 
 namespace {
 
-/// "key, value ,flags" names three columns, "key,,flags" an empty one between two, "" none.
-std::vector<std::string> splitColumns(std::string text) {
+/// "key, value ,flags" names three columns, each counted once however often it is named. One empty name
+/// stands for all that do not exist and for empty pieces, so that only the text "" names nothing.
+std::vector<std::string> readColumns(std::string text) {
   std::erase(text, ' ');
   std::vector<std::string> columns;
   for (std::size_t start = 0; start < text.size();) {
     const std::size_t end = std::min(text.find(',', start), text.size());
-    columns.emplace_back(text, start, end - start);
+    std::string_view name = std::string_view(text).substr(start, end - start);
+    if (!column::exists(name)) {
+      name = "";
+    }
+    if (std::ranges::find(columns, name) == columns.end()) {
+      columns.emplace_back(name);
+    }
     start = end + 1;
   }
   return columns;
@@ -73,7 +80,7 @@ std::string Dispatcher::getValue(const Json::Value& request) {
 std::string Dispatcher::getColumns(const Json::Value& request) {
   const std::string pattern = request[PROPERTY_PARAM].asString();
   std::vector<Property> properties = database_->getMultiple(
-      pattern, splitColumns(request[PROPERTY_FIELDS].asString()), request[PROPERTY_FIELD].asString());
+      pattern, readColumns(request[PROPERTY_FIELDS].asString()), request[PROPERTY_FIELD].asString());
 
   json::ObjectText response;
   response.addText(PROPERTY_PARAM, pattern);

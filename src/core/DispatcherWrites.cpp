@@ -19,8 +19,10 @@ std::string withoutBlanks(std::string text) {
   return text;
 }
 
-/// The members of `list` as properties that are named by the column `field`.
+/// The members of `list` as properties that are named by the column `field`. Where that is not a column, they
+/// remain without a name.
 std::vector<Property> readList(const Json::Value& list, const std::string& field) {
+  const bool hasColumn = column::exists(field);
   std::vector<Property> properties;
   properties.reserve(list.size());
   for (auto member = list.begin(); member != list.end(); ++member) {
@@ -29,8 +31,10 @@ std::vector<Property> readList(const Json::Value& list, const std::string& field
       logger().error() << "Invalid parameter to set.";
       continue;
     }
-    properties.push_back(Property(
-        {{field, withoutBlanks(name.asString())}, {column::kValue, withoutBlanks(member->asString())}}));
+    const std::string value = withoutBlanks(member->asString());
+    properties.push_back(hasColumn
+                             ? Property({{field, withoutBlanks(name.asString())}, {column::kValue, value}})
+                             : Property({{column::kValue, value}}));
   }
   return properties;
 }

@@ -18,6 +18,7 @@ bool isIntegerColumn(std::string_view column) {
 }  // namespace
 
 Property::Property(Columns columns) {
+  members_.reserve(columns.size());
   try {
     for (const auto& [column, text] : columns) {
       set(column, isIntegerColumn(column) ? Json::Value(toInteger(text)) : Json::Value(text));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <string_view>
 
@@ -29,5 +30,9 @@ inline constexpr std::array kInteger = {kRangeMax, kRangeMin, kFlags};
 /// The text columns, then the integer columns.
 inline constexpr std::array kAll = {kKey,  kValue,         kWebui,    kProvisioning, kTr069, kRegexp,
                                     kEnum, kDefaultValues, kRangeMax, kRangeMin,     kFlags};
+
+inline bool exists(std::string_view column) {
+  return std::find(kAll.begin(), kAll.end(), column) != kAll.end();
+}
 
 }  // namespace propertyservice::column

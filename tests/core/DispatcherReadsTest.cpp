@@ -136,10 +136,17 @@ TEST_F(DispatcherReadsTest, getColsLRemovesBlanksFromTheColumns) {
   EXPECT_THAT(database->lastColumns, ElementsAre("key", "value", "flags"));
 }
 
-TEST_F(DispatcherReadsTest, getColsLKeepsAnEmptyColumnBetweenCommas) {
-  ask(R"({"method":"getColsL","param":"Web.%","fields":",key,,value"})");
+TEST_F(DispatcherReadsTest, getColsLTakesOneEmptyColumnForAllThatDoNotExist) {
+  for (const std::string fields : {",key,,value", "keys,key,Key,value,Value", ",key,key,value, ,key"}) {
+    ask(R"({"method":"getColsL","param":"Web.%","fields":")" + fields + "\"}");
 
-  EXPECT_THAT(database->lastColumns, ElementsAre("", "key", "", "value"));
+    EXPECT_THAT(database->lastColumns, ElementsAre("", "key", "value")) << fields;
+  }
+  for (const std::string fields : {",", ",,,", "keys", "keys,keys,"}) {
+    ask(R"({"method":"getColsL","param":"Web.%","fields":")" + fields + "\"}");
+
+    EXPECT_THAT(database->lastColumns, ElementsAre("")) << fields;
+  }
 }
 
 TEST_F(DispatcherReadsTest, getColsLTakesNoColumnFromBehindTheLastComma) {

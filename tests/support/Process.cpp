@@ -70,18 +70,39 @@ void Process::kill() {
 }
 
 std::size_t Process::residentKiB() const {
-  std::ifstream status("/proc/" + std::to_string(pid_) + "/status");
-  std::size_t size = 0;
-  for (std::string word; status >> word;) {
-    if (word == "VmRSS:") {
-      status >> size;
-    }
+  return status("VmRSS:");
+}
+
+std::size_t Process::peakKiB() const {
+  return status("VmHWM:");
+}
+
+void Process::resetPeak() {
+  constexpr char kPeakOfResidentMemory = '5';
+  std::ofstream(procFile("clear_refs")) << kPeakOfResidentMemory;
+}
+
+std::map<std::string, double> Process::processorMs() const {
+  std::map<std::string, double> times;
+  for (const auto& thread : std::filesystem::directory_iterator(procFile("task"))) {
+    double nanoseconds = 0;
+    std::ifstream(thread.path() / "schedstat") >> nanoseconds;
+    times[thread.path().filename()] = nanoseconds / 1e6;
   }
-  return size;
+  return times;
+}
+
+bool Process::waitUntilIdle() const {
+  static constexpr auto kForThisLong = std::chrono::milliseconds(200);
+  return eventually([this] {
+    const std::map<std::string, double> before = processorMs();
+    std::this_thread::sleep_for(kForThisLong);
+    return processorMs() == before;
+  });
 }
 
 std::size_t Process::descriptors() const {
-  const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid_) + "/fd");
+  const std::filesystem::directory_iterator descriptors(procFile("fd"));
   return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
 }
 
@@ -89,6 +110,21 @@ std::string Process::output() const {
   std::ostringstream text;
   text << std::ifstream(outputPath_, std::ios::binary).rdbuf();
   return text.str();
+}
+
+std::string Process::procFile(const std::string& name) const {
+  return "/proc/" + std::to_string(pid_) + '/' + name;
+}
+
+std::size_t Process::status(const std::string& field) const {
+  std::ifstream status(procFile("status"));
+  std::size_t value = 0;
+  for (std::string word; status >> word;) {
+    if (word == field) {
+      status >> value;
+    }
+  }
+  return value;
 }
 
 bool Process::reap(int options) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <map>
 #include <optional>
 #include <string>
 #include <sys/types.h>
@@ -37,10 +38,22 @@ class Process {
   std::size_t residentKiB() const;
   std::size_t descriptors() const;
 
+  /// The most it has had in memory since it began, or since `resetPeak`.
+  std::size_t peakKiB() const;
+  void resetPeak();
+
+  /// The processor time that it has taken, by thread.
+  std::map<std::string, double> processorMs() const;
+
+  /// Waits until it takes no more processor time; false when that does not come.
+  bool waitUntilIdle() const;
+
   /// Everything written so far.
   std::string output() const;
 
  private:
+  std::string procFile(const std::string& name) const;
+  std::size_t status(const std::string& field) const;
   bool reap(int options);
 
   const std::string outputPath_;
