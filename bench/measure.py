@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Measures the daemon and writes what it found to a JSON file: in process, on the bus, at start-up and idle.
+"""Measures the daemon and writes what it found to a JSON file: in process, on the bus, at start-up, idle, and under
+hostile requests.
 
     measure.py BUILD-DIRECTORY OUTPUT-DIRECTORY [--quick]
 
@@ -234,6 +235,19 @@ def measure_slow_disk(build, output, plan):
                 for number in range(plan.rounds)]
 
 
+def measure_hostile(build, output):
+    """{request: {"ms", "kib"}}: processor time of the busiest thread of the daemon, and what it takes of memory."""
+    result = output / "hostile.json"
+    run([build / "hostile_test", f"--gtest_output=json:{result}"], timeout=600,
+        stderr=subprocess.DEVNULL)
+    costs = {}
+    for name, cost in json.loads(result.read_text())["testsuites"][0]["testsuite"][0].items():
+        request, separator, unit = name.rpartition("_")
+        if separator and unit in ("ms", "kib"):
+            costs.setdefault(request, {})[unit] = float(cost)
+    return costs
+
+
 def machine():
     models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
               if line.startswith("model name")]
@@ -262,6 +276,8 @@ def main():
         print("backup and restore", file=sys.stderr)
         results["maintenance"] = measure_maintenance(build, output, plan)
         results["slow_disk"] = measure_slow_disk(build, output, plan)
+    print("hostile requests", file=sys.stderr)
+    results["hostile"] = measure_hostile(build, output)
     (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
 
 

@@ -42,6 +42,7 @@ class Results:
         self._start = results["start"]
         self._maintenance = results["maintenance"]
         self._slow_disk = results["slow_disk"]
+        self.hostile = results["hostile"]
 
     def benchmarks(self):
         return sorted(self._times)
@@ -103,6 +104,10 @@ def targets(results):
         ("start to first reply at 4096 properties, without connecting, ms", results.start_beyond_connecting(4096),
          "at most", 30),
         ("resident memory at 4096 properties, MiB", resident_mib(results, 4096), "at most", 20),
+        ("worst of the hostile requests, processor time, ms",
+         Figure([max(cost["ms"] for cost in results.hostile.values())]), "at most", 1000),
+        ("worst of the hostile requests, memory, MiB",
+         Figure([max(cost["kib"] for cost in results.hostile.values()) / 1024]), "at most", 64),
         ("context switches per second, idle", Figure([results.idle]), "at most", 4),
     ]
 
@@ -165,6 +170,13 @@ def growth_table(results):
     return table(("in process, µs", *(f"{size:,} properties" for size in sizes)), rows)
 
 
+def hostile_table(results):
+    """The dozen that take the most time."""
+    worst = sorted(results.hostile.items(), key=lambda item: -item[1]["ms"])[:12]
+    return table(("request of up to 1 MiB", "processor ms", "MiB"),
+                 [(name, Figure([cost["ms"]]), Figure([cost["kib"] / 1024])) for name, cost in worst])
+
+
 def process_table(results):
     return table(("in process", "µs", "spread"),
                  [(name, results.time(name, 1000), percent(results.time(name))) for name in results.benchmarks()])
@@ -181,6 +193,7 @@ def report(results):
         "### Start\n", start_table(results),
         "### Backup, restore and a slow disk\n", maintenance_table(results),
         "### Growth\n", growth_table(results),
+        "### Hostile requests\n", hostile_table(results),
         "### In process\n", process_table(results)])
 
 
