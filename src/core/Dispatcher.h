@@ -25,10 +25,10 @@ class Dispatcher : public ipc::IIPCCallback {
   Dispatcher(std::shared_ptr<ipc::IIPCClient> client, std::shared_ptr<IDatabaseService> database,
              std::unique_ptr<IDatabaseBackup> backup, std::unique_ptr<IMessenger> messenger);
 
-  /// Serves requests until a termination, which also cancels a connect that is under way; calls `onReady` when
-  /// the first request would be answered. What was changed until the end is announced before it disconnects.
-  /// Throws `std::runtime_error`, after logging it, when the bus fails to subscribe, connect or disconnect,
-  /// unless a termination has been asked for.
+  /// Serves requests until a termination, which also cancels a connect that is under way; calls `onReady`
+  /// when the first request would be answered. What was changed until the end is announced before it
+  /// disconnects. Throws `std::runtime_error`, after logging it, when the bus fails to subscribe, connect or
+  /// disconnect, unless a termination has been asked for.
   void run(const std::function<void()>& onReady = [] {});
 
   void connectionLost(const std::string& cause) override;
