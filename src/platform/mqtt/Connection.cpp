@@ -119,7 +119,8 @@ void Connection::close(Clock::duration flushWithin) {
     std::unique_lock lock(mutex_);
     closing_ = true;
     changed_.notify_all();
-    changed_.wait_for(lock, flushWithin, [this] { return !wasOpen_ || outbox_.empty(); });
+    changed_.wait_for(lock, flushWithin,
+                      [this] { return !wasOpen_ || (outbox_.empty() && events_.empty()); });
     stopping_ = true;
   }
   wakeup_->signal();
@@ -352,7 +353,6 @@ void Connection::broke(const std::string& reason) {
   } else {
     roundFailed(reason);
   }
-  changed_.notify_all();
 }
 
 void Connection::roundFailed(const std::string& reason) {
@@ -393,9 +393,6 @@ void Connection::handOverWaiting() {
 void Connection::onDelivered(int id) {
   if (std::optional<std::string> topic = outbox_.acknowledged(id)) {
     note([this, delivered = std::move(*topic)] { listener_.delivered(delivered); });
-  }
-  if (outbox_.empty()) {
-    changed_.notify_all();
   }
 }
 
@@ -551,6 +548,9 @@ void Connection::tellListener(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     event();
     lock.lock();
+  }
+  if (events_.empty()) {
+    changed_.notify_all();
   }
   lock.unlock();
   listenersDeadline_ = listener_.turned();

@@ -148,9 +148,9 @@ class Connection {
   /// "cancelled" as soon as another thread calls `close`. It can be called again after a failure.
   void connect();
 
-  /// Waits, `flushWithin` at most, until all messages are acknowledged, unless the connection has never been
-  /// open. Then disconnects and waits for a call of the listener that is still running; no other follows. The
-  /// connection cannot be opened again.
+  /// Waits, `flushWithin` at most, until all messages are acknowledged and told, unless the connection has
+  /// never been open. Then disconnects and waits for a call of the listener that is still running; no other
+  /// follows. The connection cannot be opened again.
   void close(Clock::duration flushWithin);
 
   bool isOwnThread() const { return ownThread_ == std::this_thread::get_id(); }
@@ -222,7 +222,7 @@ class Connection {
   const std::shared_ptr<Wakeup> wakeup_;
 
   std::mutex mutex_;
-  std::condition_variable changed_;  ///< Of `rounds_`, `closing_` and whether `outbox_` is empty.
+  std::condition_variable changed_;  ///< Of `rounds_` and `closing_`, and when all events are told.
 
   // Guarded by mutex_.
   State state_ = State::idle;

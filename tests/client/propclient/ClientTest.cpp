@@ -367,16 +367,21 @@ TEST_F(ClientTest, getsNoAnswerFromADaemonThatHangs) {
 TEST_F(ClientTest, knowsWhetherTheDaemonIsThere) {
   std::mutex mutex;
   std::vector<std::optional<bool>> told;
-  client_.onPresence([&](std::optional<bool> present) {
+  Client client(Options{.name = "observer"});
+  client.connect();
+  client.onPresence([&](std::optional<bool> present) {
     const std::lock_guard lock(mutex);
     told.push_back(present);
   });
-  EXPECT_EQ(client_.present(), true);
+  EXPECT_EQ(client.present(), true);
 
   device_.stop();
-  ASSERT_TRUE(eventually([&] { return client_.present() == false; }));
+  ASSERT_TRUE(eventually([&] { return client.present() == false; }));
   device_.launch();
-  ASSERT_TRUE(eventually([&] { return client_.present() == true; }));
+  ASSERT_TRUE(eventually([&] {
+    const std::lock_guard lock(mutex);
+    return told.size() == 3;
+  }));
 
   const std::lock_guard lock(mutex);
   EXPECT_THAT(told, ElementsAre(true, false, true));

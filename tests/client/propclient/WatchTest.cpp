@@ -433,19 +433,6 @@ TEST_F(WatchTest, becomesDoneOverANewConnectionWhenTheFirstBreaks) {
   EXPECT_EQ(outcome_, "done");
 }
 
-TEST_F(WatchTest, triesAgainAfterASecond) {
-  watchAndSettle();
-  breakConnection();
-  restoreConnection();
-  daemon_.requests.clear();  // the daemon is away
-  session_.keepTime(Clock::now() + 5s);
-
-  const auto next = session_.nextDeadline();
-
-  ASSERT_TRUE(next);
-  EXPECT_LT(*next, Clock::now() + 2s);
-}
-
 TEST_F(WatchTest, triesNothingAgainWithoutAConnection) {
   watch();
 
@@ -454,15 +441,33 @@ TEST_F(WatchTest, triesNothingAgainWithoutAConnection) {
   EXPECT_EQ(session_.nextDeadline(), std::nullopt);
 }
 
-TEST_F(WatchTest, forgetsWhatItWantedToTryAgainWithTheConnection) {
-  watch();
-  daemon_.requests.clear();  // the daemon is away
-  session_.keepTime(Clock::now() + 5s);
-  ASSERT_TRUE(session_.nextDeadline());
+/// A watch whose first reading has failed.
+class FailedReading : public testing::Test {
+ protected:
+  FailedReading() {
+    watch_->opened();
+    asked_.at(0).giveUp();
+  }
 
-  breakConnection();
+  std::vector<Request> asked_;
+  const std::shared_ptr<Watch> watch_ = std::make_shared<Watch>(
+      std::set<std::string>{}, [](const Change&) {},
+      [this](Request request) { asked_.push_back(std::move(request)); }, [] {});
+};
 
-  EXPECT_EQ(session_.nextDeadline(), std::nullopt);
+TEST_F(FailedReading, isTriedAgainAfterASecond) {
+  const auto next = watch_->nextDeadline();
+
+  ASSERT_TRUE(next);
+  EXPECT_LT(*next, Clock::now() + 2s);
+  watch_->keepTime(*next);
+  EXPECT_EQ(asked_.size(), 2U);
+}
+
+TEST_F(FailedReading, isNotTriedAgainWithoutAConnection) {
+  watch_->lost();
+
+  EXPECT_EQ(watch_->nextDeadline(), std::nullopt);
 }
 
 TEST_F(WatchTest, readsAValueAgainUntilTheDaemonAnswers) {

@@ -531,8 +531,8 @@ TEST_F(BusClient, announcesItsPresenceUnlessItHasAUniqueSuffix) {
   EXPECT_THAT(second_.messages(1), ElementsAre(Message("services/tested/online", "1")));
   client_->disconnect();
 
-  EXPECT_THAT(second_.messages(2),
-              ElementsAre(Message("services/tested/online", "1"), Message("services/tested/online", "0")));
+  ASSERT_GE(second_.messages(2).size(), 2U);
+  EXPECT_EQ(second_.messages(2)[1], Message("services/tested/online", "0"));
 }
 
 TEST_F(BusClient, ignoresBrokenPipesUnlessTheProgramHandlesThem) {
