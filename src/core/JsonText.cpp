@@ -48,8 +48,26 @@ bool isBeyondDouble(const std::string& text, std::size_t begin, std::size_t end)
          std::isinf(std::strtod(text.c_str() + begin, nullptr));
 }
 
-/// Goes over the first object or array as the reader will, which has no limits of its own or others in each
-/// version: false where it is nested too deep, has too many values, or a number too large.
+bool isPlain(char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  return byte >= 0x20 && byte < 0x80 && character != '"' && character != '\\';
+}
+
+void appendWritten(std::string& text, const Json::Value& value) {
+  text += write(value);
+  text.pop_back();
+}
+
+void appendQuoted(std::string& text, std::string_view value) {
+  if (std::all_of(value.begin(), value.end(), isPlain)) {
+    text.append(1, '"').append(value).append(1, '"');
+  } else {
+    appendWritten(text, Json::Value(value.data(), value.data() + value.size()));
+  }
+}
+
+}  // namespace
+
 bool keepsLimits(const std::string& text) {
   std::size_t depth = 0;
   std::size_t values = 0;
@@ -64,7 +82,7 @@ bool keepsLimits(const std::string& text) {
       case '[':
       case '{':
         if (++depth > kDeepestNesting) {
-          return false;
+          Json::throwRuntimeError("nested too deeply");
         }
         [[fallthrough]];
       case ',':
@@ -94,26 +112,6 @@ bool keepsLimits(const std::string& text) {
   return true;
 }
 
-bool isPlain(char character) {
-  const auto byte = static_cast<unsigned char>(character);
-  return byte >= 0x20 && byte < 0x80 && character != '"' && character != '\\';
-}
-
-void appendWritten(std::string& text, const Json::Value& value) {
-  text += write(value);
-  text.pop_back();
-}
-
-void appendQuoted(std::string& text, std::string_view value) {
-  if (std::all_of(value.begin(), value.end(), isPlain)) {
-    text.append(1, '"').append(value).append(1, '"');
-  } else {
-    appendWritten(text, Json::Value(value.data(), value.data() + value.size()));
-  }
-}
-
-}  // namespace
-
 bool parseOrThrow(const std::string& text, Json::Value& value) {
   // Collecting comments is quadratic in their number.
   constexpr bool kCollectComments = false;
@@ -121,10 +119,7 @@ bool parseOrThrow(const std::string& text, Json::Value& value) {
   // To make one costs a tenth of reading a request.
   thread_local Json::Reader reader;
 
-  if (!keepsLimits(text)) {
-    throw Json::RuntimeError("JSON that is nested too deeply, or too large");
-  }
-  return reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
+  return keepsLimits(text) && reader.parse(text.data(), text.data() + text.size(), value, kCollectComments);
 }
 
 bool parse(const std::string& text, Json::Value& value) {

@@ -14,8 +14,13 @@ namespace propertyservice::json {
 /// parse. Throws nothing.
 bool parse(const std::string& text, Json::Value& value);
 
-/// The same, but throws `Json::Exception` for text beyond one of these limits.
+/// The same, but throws `Json::Exception` for what is nested too deeply.
 bool parseOrThrow(const std::string& text, Json::Value& value);
+
+/// Goes over the first object or array as the reader will, whose own limits differ between its versions.
+/// False where there are too many values or a number is too large; throws `Json::RuntimeError` where it is
+/// nested too deeply.
+bool keepsLimits(const std::string& text);
 
 /// `value` on one line, without blanks, all characters outside ASCII escaped, ended by a line feed.
 std::string write(const Json::Value& value);

@@ -91,7 +91,7 @@ TEST_F(DispatcherTest, logsJsonThatIsNoObjectWithoutAnswering) {
 }
 
 TEST_F(DispatcherTest, logsNestingThatIsTooDeepWithoutAnswering) {
-  for (const int depth : {1001, 100'000}) {
+  for (const int depth : {101, 100'000}) {
     std::string objects;
     for (int i = 0; i < depth; ++i) {
       objects += "{\"a\":";
