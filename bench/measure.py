@@ -238,8 +238,7 @@ def measure_slow_disk(build, output, plan):
 def measure_hostile(build, output):
     """{request: {"ms", "kib"}}: processor time of the busiest thread of the daemon, and what it takes of memory."""
     result = output / "hostile.json"
-    run([build / "hostile_test", f"--gtest_output=json:{result}"], timeout=600,
-        stderr=subprocess.DEVNULL)
+    run([build / "hostile_test", f"--gtest_output=json:{result}"], timeout=600, stderr=subprocess.DEVNULL)
     costs = {}
     for name, cost in json.loads(result.read_text())["testsuites"][0]["testsuite"][0].items():
         request, separator, unit = name.rpartition("_")

@@ -7,6 +7,7 @@
 #include <json/reader.h>
 
 #include "client/check/Findings.h"
+#include "core/JsonText.h"
 
 // As in the daemon: the builders read other texts than this reader does.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -87,12 +88,19 @@ JsonReading readJson(const std::string& text) {
     return reading;
   }
   Json::Reader reader;
+  bool keepsLimits = false;
   try {
+    keepsLimits = propertyservice::json::keepsLimits(text);
     reading.valid = reader.parse(text, reading.value, false);
   } catch (const Json::Exception&) {
     reading.value = Json::Value();
     reading.tooDeep = true;
     reading.problems.push_back({0, "is nested too deeply to be read"});
+    return reading;
+  }
+  if (reading.valid && !keepsLimits) {
+    reading.valid = false;
+    reading.problems.push_back({0, "has too many values or a number that is too large"});
     return reading;
   }
   if (!reading.valid) {
