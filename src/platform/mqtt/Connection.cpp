@@ -478,15 +478,14 @@ int Connection::pollTimeoutMs() const {
     return 0;
   }
   // libmosquitto keeps the time of pings only while it is called.
-  Clock::time_point next = Clock::now() + settings_.keepAlive / 3;
-  if (state_ == State::resolving || state_ == State::attempting || state_ == State::pausing) {
-    next = std::min(next, timer_);
+  const auto idle = std::chrono::duration_cast<std::chrono::milliseconds>(settings_.keepAlive) / 3;
+  const bool isTimed = state_ == State::resolving || state_ == State::attempting || state_ == State::pausing;
+  if (!isTimed && !listenersDeadline_) {
+    return static_cast<int>(idle.count());
   }
-  if (listenersDeadline_) {
-    next = std::min(next, *listenersDeadline_);
-  }
+  const auto next = isTimed ? std::min(timer_, listenersDeadline_.value_or(timer_)) : *listenersDeadline_;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
-  return static_cast<int>(std::max(left, 0ms).count());
+  return static_cast<int>(std::clamp(left, 0ms, idle).count());
 }
 
 void Connection::read(short events) {
@@ -507,18 +506,18 @@ void Connection::read(short events) {
 }
 
 void Connection::keepTime() {
-  const bool timeIsUp = Clock::now() >= timer_;
+  const auto timeIsUp = [this] { return Clock::now() >= timer_; };
   switch (state_) {
     case State::resolving:
       takeAddresses();
       if (!addresses_.empty()) {
         attempt();
-      } else if (state_ == State::resolving && timeIsUp) {
+      } else if (state_ == State::resolving && timeIsUp()) {
         roundFailed("no name server answers");
       }
       break;
     case State::attempting:
-      if (timeIsUp) {
+      if (timeIsUp()) {
         broke("the broker does not answer");
       }
       break;
@@ -526,7 +525,7 @@ void Connection::keepTime() {
       check(mosquitto_loop_misc(library_.get()));
       break;
     case State::pausing:
-      if (timeIsUp) {
+      if (timeIsUp()) {
         startRound();
       }
       break;
