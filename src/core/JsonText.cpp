@@ -1,6 +1,7 @@
 #include "core/JsonText.h"
 
 #include <algorithm>
+#include <bitset>
 #include <cmath>
 #include <cstdlib>
 #include <limits>
@@ -69,6 +70,7 @@ void appendQuoted(std::string& text, std::string_view value) {
 }  // namespace
 
 bool keepsLimits(const std::string& text) {
+  std::bitset<kDeepestNesting> isArray;
   std::size_t depth = 0;
   std::size_t values = 0;
   for (std::size_t at = 0; at < text.size();) {
@@ -81,9 +83,10 @@ bool keepsLimits(const std::string& text) {
         continue;
       case '[':
       case '{':
-        if (++depth > kDeepestNesting) {
+        if (depth == kDeepestNesting) {
           Json::throwRuntimeError("nested too deeply");
         }
+        isArray[depth++] = text[at] == '[';
         [[fallthrough]];
       case ',':
         if (++values > kMostValues) {
@@ -92,10 +95,13 @@ bool keepsLimits(const std::string& text) {
         break;
       case ']':
       case '}':
-        if (depth <= 1) {
+        // After a comment in an object, the reader takes any token for a comma.
+        if (depth == 0 || isArray[--depth] != (text[at] == ']')) {
+          return false;
+        }
+        if (depth == 0) {
           return true;
         }
-        --depth;
         break;
       default:
         if (text[at] == '-' || (text[at] >= '0' && text[at] <= '9')) {

@@ -18,8 +18,8 @@ bool parse(const std::string& text, Json::Value& value);
 bool parseOrThrow(const std::string& text, Json::Value& value);
 
 /// Goes over the first object or array as the reader will, whose own limits differ between its versions.
-/// False where there are too many values or a number is too large; throws `Json::RuntimeError` where it is
-/// nested too deeply.
+/// False where there are too many values, a number is too large or a bracket ends what another began; throws
+/// `Json::RuntimeError` where it is nested too deeply.
 bool keepsLimits(const std::string& text);
 
 /// `value` on one line, without blanks, all characters outside ASCII escaped, ended by a line feed.

@@ -54,6 +54,16 @@ TEST(JsonText, countsNestingAfterWhatOnlyLooksLikeAStringOrAComment) {
   }
 }
 
+TEST(JsonText, refusesABracketThatTheReaderTakesForAComma) {
+  Json::Value value;
+
+  EXPECT_TRUE(json::parse("{\"a\":0/**/,\"b\":[]}", value));
+  for (const std::string text :
+       {"{\"a\":0/**/]\"b\":[]}", "{\"a\":0/**/[\"b\":[]}", "[{\"a\":0/**/]\"b\":[]}]"}) {
+    EXPECT_FALSE(json::parse(text, value)) << text;
+  }
+}
+
 TEST(JsonText, refusesMoreThan262144Values) {
   const auto arrayOf = [](std::size_t values) {
     std::string text;
