@@ -98,7 +98,7 @@ TEST(DiskFaults, aStartThatChangesNothingNeedsNoDiskToWriteTo) {
       "{\"key\":\"Audio.Ringtone\",\"value\":\"common\",\"flags\":7}\n"
       "{\"key\":\"Audio.Volume\",\"value\":\"1\"}\n{\"key\":\"Audio.Volume\",\"value\":\"2\"}\n");
   Device::writeFile("/etc/nvm.conf.d/Update. 5.json", R"({"key":"Audio.Ringtone","value":"model"})");
-  SmallDisk disk;
+  SmallDisk disk(kDiskRoot);
   device.start();
   device.stop();
   const auto expectToStart = [&device] {
@@ -112,7 +112,7 @@ TEST(DiskFaults, aStartThatChangesNothingNeedsNoDiskToWriteTo) {
   disk.fill();
   expectToStart();
   disk.free();
-  ASSERT_EQ(mount(nullptr, kDiskRoot, nullptr, MS_REMOUNT | MS_RDONLY, nullptr), 0);
+  ASSERT_TRUE(disk.makeReadOnly());
   expectToStart();
   EXPECT_EQ(device.runToEnd({"--force-db-init"}), 1);
   EXPECT_EQ(device.logLines("Cannot make /usr/sbin/nvm.unfinished: Read-only file system").size(), 1U);
@@ -120,7 +120,7 @@ TEST(DiskFaults, aStartThatChangesNothingNeedsNoDiskToWriteTo) {
 
 TEST(DiskFaults, aFirstStartOnAFullDiskIsMadeGoodByTheNext) {
   Device device;
-  SmallDisk disk;
+  SmallDisk disk(kDiskRoot);
   disk.fill();
   EXPECT_EQ(device.runToEnd({}), 1);
   EXPECT_EQ(device.logLines("database or disk is full").size(), 1U) << device.log();
@@ -132,22 +132,9 @@ TEST(DiskFaults, aFirstStartOnAFullDiskIsMadeGoodByTheNext) {
   device.stop();
 }
 
-/// The volatile disk of a telephone.
-class VolatileDisk {
- public:
-  VolatileDisk() {
-    if (mount("volatile", "/var/volatile", "tmpfs", 0, "size=24m") != 0) {
-      throw std::runtime_error("cannot mount a volatile disk");
-    }
-  }
-  VolatileDisk(const VolatileDisk&) = delete;
-  VolatileDisk& operator=(const VolatileDisk&) = delete;
-  ~VolatileDisk() { umount2("/var/volatile", MNT_DETACH); }
-};
-
 TEST(DiskFaults, hugeStateFillsNoDisk) {
   Device device;
-  VolatileDisk disk;
+  SmallDisk disk("/var/volatile", "24m");
   device.start();
 
   for (int i = 0; i < 36; ++i) {
@@ -164,7 +151,7 @@ TEST(DiskFaults, hugeStateFillsNoDisk) {
 
 TEST(DiskFaults, stateThatHasNoRoomToBeOpenedIsMadeAnew) {
   Device device;
-  VolatileDisk disk;
+  SmallDisk disk("/var/volatile", "24m");
   device.start();
   for (int i = 0; i < 60; ++i) {
     device.set("State.Large" + std::to_string(i), std::string(60'000, static_cast<char>('a' + i % 26)));

@@ -288,25 +288,22 @@ TEST_F(LonelyBusClient, presentsTheCredentialsOfItsName) {
   failure.wait();
 }
 
-TEST_F(LonelyBusClient, comesByToSayThatItIsAlive) {
+TEST_F(LonelyBusClient, saysThatItIsAliveAtTheTimeThatItWasTold) {
   const Broker broker;
   std::atomic<int> times = 0;
-  client_ = IPCFactory::createInstanceShared("tested", "localhost", false, [&] { ++times; });
-  client_->subscribe("in", &recorder_);
+  client_ = IPCFactory::createInstanceShared("tested", "localhost", false, [&] {
+    ++times;
+    return std::chrono::steady_clock::now() + 50ms;
+  });
   client_->connect(0, 2, "localhost");
-  for (const std::string& number : numbers(100)) {
-    client_->publish("in", number, 1);
-  }
-  recorder_.messages(100);
-  const int early = times;
+  const int connected = times;
 
   const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-  while (times < 2 && std::chrono::steady_clock::now() < deadline) {
+  while (times < connected + 10 && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(10ms);
   }
 
-  EXPECT_EQ(early, 1);
-  EXPECT_EQ(times, 2);
+  EXPECT_GE(times, connected + 10);
 }
 
 TEST_F(LonelyBusClient, cannotPublishBeforeItIsConnected) {
