@@ -117,9 +117,17 @@ TEST_F(PropctlConnection, namesBothCausesWhenTheAccessListKeepsItFromAsking) {
                                     HasSubstr("\"field\" ask as \"panel\"")));
 }
 
-TEST_F(PropctlConnection, namesBothCausesWhenTheDaemonIsAway) {
+TEST_F(PropctlConnection, saysThatNothingWasSentWhenTheDaemonIsAway) {
   askUntilAnswered("--password-file " + file("credentials") + " ping");
   device_->stop();
+
+  EXPECT_EQ(propctl("--password-file " + file("credentials") + " get Audio.Volume"),
+            failed(3, "propctl: PropertyService at localhost:1883 is away: nothing was sent\n"));
+}
+
+TEST_F(PropctlConnection, namesTheCausesWhenTheDaemonDoesNotAnswer) {
+  askUntilAnswered("--password-file " + file("credentials") + " ping");
+  device_->daemon().signal(SIGSTOP);
 
   const Outcome outcome = propctl("--timeout 1 --password-file " + file("credentials") + " get Audio.Volume");
 
@@ -129,7 +137,8 @@ TEST_F(PropctlConnection, namesBothCausesWhenTheDaemonIsAway) {
 }
 
 TEST_F(PropctlConnection, namesTheBrokersLimitWhenAllWasAskedFor) {
-  device_->stop();
+  askUntilAnswered("--password-file " + file("credentials") + " ping");
+  device_->daemon().signal(SIGSTOP);
 
   for (const std::string command : {"list", "get %", "dump"}) {
     const Outcome outcome = propctl("--timeout 1 --password-file " + file("credentials") + ' ' + command);

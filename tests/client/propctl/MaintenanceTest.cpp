@@ -33,11 +33,10 @@ TEST_F(PropctlMaintenance, savesAllSettings) {
 }
 
 TEST_F(PropctlMaintenance, saysThatThereIsNothingToRestore) {
-  EXPECT_EQ(
-      propctl("restore"),
-      failed(1,
-             "propctl: restore: DBError: there is no /config/user_backup.csv on the device, or it cannot be "
-             "read: the daemon's log says which\n"));
+  EXPECT_EQ(propctl("restore"), failed(1,
+                                       "propctl: restore: DBError: there is no /config/user_backup.csv on "
+                                       "the device, it cannot be read, or "
+                                       "the database cannot be written: the daemon's log says which\n"));
 }
 
 TEST_F(PropctlMaintenance, writesASystemDump) {

@@ -60,7 +60,7 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"--device A,B complete-keys", "this command takes one device at a time"},
         Misuse{"ping ping", "The following argument was not expected"},
         Misuse{"$'get\\n' x", "no such command: get\\n"},
-        Misuse{"--device HQ-* ping", "a pattern of serial numbers takes --name"},
+        Misuse{"--device HQ-* ping", "the list of devices takes --name"},
         Misuse{"--device @/dev/null ping", "--device: no serial number in @/dev/null"}));
 
 class Propctl : public ::testing::Test {};
