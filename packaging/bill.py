@@ -21,7 +21,7 @@ import tarfile
 import tempfile
 import urllib.parse
 
-# What Debian calls them, and SPDX.
+# The names that Debian and SPDX give them.
 SPDX_NAMES = {
     "Apache-2.0": "Apache-2.0", "BSD-2-clause": "BSD-2-Clause", "BSD-3-clause": "BSD-3-Clause", "BSL-1.0": "BSL-1.0",
     "CC0-1.0": "CC0-1.0", "EDL-1.0": "BSD-3-Clause", "EPL-2.0": "EPL-2.0", "Expat": "MIT", "MIT": "MIT", "Zlib": "Zlib",

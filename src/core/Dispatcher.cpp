@@ -177,7 +177,7 @@ std::size_t Dispatcher::serve(const std::string& topic, const std::string& paylo
 
 void Dispatcher::deliveryComplete(const std::string& topic) {
   logger().info() << "Delivery completed on topic " << [&] { return common::quote(excerpt(topic)); };
-  // What a request caused is freed as it is delivered.
+  // Frees what a request caused, as it is delivered.
   if (std::exchange(replyIsLarge_, false) || ++deliveries_ % kManyDeliveries == 0) {
     malloc_trim(0);
   }

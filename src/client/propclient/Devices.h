@@ -8,7 +8,7 @@
 
 namespace propclient {
 
-/// What the central broker knows of a device.
+/// The state of a device as the central broker knows it.
 struct Presence {
   bool connected = false;
   std::optional<bool> service =

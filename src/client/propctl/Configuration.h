@@ -20,7 +20,7 @@ struct Setting {
 /// Throws `Failure`.
 std::vector<Setting> readConfiguration(const std::string& path);
 
-/// What the files of the user and of the system, in this order, add to the options `given`.
+/// Returns the options that the files of the user and of the system, in this order, add to the `given` ones.
 ///
 /// - An option that is there already stays.
 /// - A file speaks of one broker. Where another host or port is there already, only "timeout" and "jobs"

@@ -168,7 +168,7 @@ class ScriptedBroker {
     }
   }
 
-  // What a broker says.
+  // Packets of a broker.
   static std::string packet(int first, const std::string& body) {
     std::string bytes(1, static_cast<char>(first));
     for (std::size_t size = body.size();;) {
