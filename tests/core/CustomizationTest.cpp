@@ -194,6 +194,10 @@ struct Refusal {
   const char* name;
   std::string line;
   std::string complaint;
+
+  friend std::ostream& operator<<(std::ostream& stream, const Refusal& refusal) {
+    return stream << refusal.name;
+  }
 };
 
 class RefusedCustomizationTest : public CustomizationTest, public testing::WithParamInterface<Refusal> {};

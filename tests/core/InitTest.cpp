@@ -275,6 +275,10 @@ struct Mistake {
   const char* name;
   std::string statement;
   std::string entry;
+
+  friend std::ostream& operator<<(std::ostream& stream, const Mistake& mistake) {
+    return stream << mistake.name;
+  }
 };
 
 class MistakenScriptTest : public InitTest, public testing::WithParamInterface<Mistake> {};
