@@ -130,7 +130,7 @@ void WriteBehind::tryToWrite() {
   }
 }
 
-/// Without exceptions, also where there is no memory left for the log entry.
+/// Throws nothing, even when memory for the log entry runs out.
 void WriteBehind::reportFailure(const char* reason) noexcept {
   nextTry_ = Clock::now() + kBetweenFailingTries;
   const bool begins = !failing_.exchange(true);

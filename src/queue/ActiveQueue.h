@@ -52,7 +52,7 @@ class ActiveQueue {
   }
 
   /// Lets the worker handle what has been pushed and waits for its end; does not wait when the worker itself
-  /// calls. For good: there is no restart. Any thread may call it, several at once too; each waits.
+  /// calls. A stopped queue cannot be restarted. Any thread may call it, several at once too; each waits.
   void stop() {
     if (!stopped_) {
       const std::scoped_lock lock(mutex_);

@@ -109,7 +109,7 @@ Centre::Centre(const Authorities& authorities) : host_("centre") {
   std::string configuration = readFile(kSource + "/device/mosquitto/central.conf");
   configuration = replaced(configuration, "/var/lib/mosquitto/", "/var/volatile/");
   configuration = replaced(configuration, "log_dest syslog", "log_dest stderr");
-  // What a test can fill.
+  // Small enough for a test to fill.
   configuration = replaced(configuration, "memory_limit 1073741824", "memory_limit 20000000");
   host_.write("/etc/mosquitto/conf.d/central.conf", configuration);
   host_.write("/etc/mosquitto/mosquitto.conf", mainConfiguration());

@@ -146,7 +146,7 @@ class RecordedDisk:
         self._remount()
 
     def _remount(self):
-        # What the host remembers of the file may not be what the file holds.
+        # The cache of the host may differ from the file.
         with open(self._fuse / "disk", "rb") as file:
             os.posix_fadvise(file.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
         self._mounted = Mount(*self._mount_arguments)

@@ -51,7 +51,7 @@ class Workload:
         if self._daemon:
             self._kill()
 
-    # What it is made of.
+    # Its parts.
 
     @contextlib.contextmanager
     def _happens(self, event):

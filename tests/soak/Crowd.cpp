@@ -40,7 +40,7 @@ std::string groupName(unsigned group) {
   return "Crowd" + std::to_string(group) + '.';
 }
 
-/// What the clients share with those who disturb them. Safe from any thread.
+/// State that the clients share with those who disturb them. Safe from any thread.
 struct System {
   Seconds now() const { return std::chrono::duration<Seconds>(Clock::now() - start).count(); }
 
@@ -184,7 +184,7 @@ class Member {
         return std::nullopt;
       }
       if (system_.daemon != daemon && !isAway(system_.daemon)) {
-        // What waited for the daemon is served before this.
+        // Requests that waited for the daemon are served before this.
         if (!bus_->serviceIsAlive(test::kPatience) && system_.broker == session_) {
           throw std::logic_error("the daemon that was started again does not answer");
         }

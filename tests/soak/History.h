@@ -11,8 +11,8 @@ namespace propertyservice::soak {
 /// Seconds since the start of the run.
 using Seconds = double;
 
-/// What clients of one daemon sent, were answered and heard. Written values are all different, except the
-/// defaults that resets bring back.
+/// The requests of the clients of one daemon, their answers and what they heard. Written values are all
+/// different, except the defaults that resets bring back.
 struct History {
   /// A request that changes a property. Without an answer it was served at any time after it was sent, or
   /// never.

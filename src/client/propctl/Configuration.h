@@ -16,7 +16,7 @@ struct Setting {
 };
 
 /// The options in a file of lines "NAME = VALUE"; empty lines and lines that begin with "#" are skipped. A
-/// file name among the values is relative to the file's folder. No options where there is no such file.
+/// file name among the values is relative to the file's folder. A file that is missing gives none.
 /// Throws `Failure`.
 std::vector<Setting> readConfiguration(const std::string& path);
 
