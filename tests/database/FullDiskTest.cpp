@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <optional>
@@ -303,11 +304,7 @@ class BusyVolatileStorageTest : public testing::Test {
 
   /// Writes text that cannot be compressed.
   Status set(const std::string& key, std::size_t bytes) {
-    std::string text(bytes, ' ');
-    for (char& character : text) {
-      character = static_cast<char>(random_());
-    }
-    Property property({{"key", key}, {"value", text}});
+    Property property({{"key", key}, {"value", noise_.substr(random_() % (noise_.size() - bytes), bytes)}});
     storage.set(property);
     return property.status();
   }
@@ -322,6 +319,11 @@ class BusyVolatileStorageTest : public testing::Test {
 
   const SmallDisk disk_{"24m"};
   std::mt19937 random_{20261121};
+  const std::string noise_ = [this] {
+    std::string noise(1U << 20, ' ');
+    std::generate(noise.begin(), noise.end(), [this] { return static_cast<char>(random_()); });
+    return noise;
+  }();
   Storage storage{disk_.path("stateCache")};
 };
 

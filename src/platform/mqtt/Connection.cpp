@@ -242,20 +242,21 @@ void Connection::startRound() {
   addresses_.clear();
   if (settings_.tls) {
     addresses_ = {settings_.host};  // The broker must prove to be the host of this very name.
-  } else if (!resolving_.valid()) {
-    resolving_ = resolve(settings_.host, [wakeup = wakeup_] { wakeup->signal(); });
+  } else if (!lookup_) {
+    lookup_.emplace(settings_.host, [wakeup = wakeup_] { wakeup->signal(); });
   }
 }
 
 void Connection::takeAddresses() {
-  if (!resolving_.valid() || resolving_.wait_for(0s) != std::future_status::ready) {
+  if (!lookup_ || !lookup_->isDone()) {
     return;
   }
   try {
-    addresses_ = resolving_.get();
+    addresses_ = lookup_->take();
   } catch (const Error& error) {
     roundFailed(error.what());
   }
+  lookup_.reset();
 }
 
 void Connection::attempt() {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -231,7 +230,7 @@ class Connection {
   bool stopping_ = false;               ///< The own thread has to end.
   std::size_t rounds_ = 0;              ///< How many have ended.
   std::optional<std::string> failure_;  ///< Of the latest round.
-  std::future<Addresses> resolving_;
+  std::optional<Lookup> lookup_;
   Addresses addresses_;
   std::size_t address_ = 0;  ///< The one that is tried, or is to be tried next.
   Clock::time_point roundEnd_;

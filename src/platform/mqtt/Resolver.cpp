@@ -1,10 +1,10 @@
 #include "mqtt/Resolver.h"
 
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <thread>
 #include <utility>
 
 #include "mqtt/Error.h"
@@ -40,14 +40,29 @@ Addresses addressesOf(const std::string& host) {
 
 }  // namespace
 
-std::future<Addresses> resolve(const std::string& host, std::function<void()> done) {
+Lookup::Lookup(const std::string& host, std::function<void()> done) {
   std::packaged_task<Addresses()> task([host] { return addressesOf(host); });
-  std::future<Addresses> addresses = task.get_future();
-  std::thread([task = std::move(task), done = std::move(done)]() mutable {
+  addresses_ = task.get_future();
+  thread_ = std::thread([task = std::move(task), done = std::move(done)]() mutable {
     task();
     done();
-  }).detach();
-  return addresses;
+  });
+}
+
+Lookup::~Lookup() {
+  if (!addresses_.valid() || isDone()) {
+    thread_.join();
+  } else {
+    thread_.detach();
+  }
+}
+
+bool Lookup::isDone() const {
+  return addresses_.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+}
+
+Addresses Lookup::take() {
+  return addresses_.get();
 }
 
 }  // namespace mqtt
