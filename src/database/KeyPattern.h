@@ -3,7 +3,7 @@
 #include <optional>
 #include <string>
 
-#include "database/SimpleExpression.h"
+#include "expressions/SimpleExpression.h"
 
 namespace propertyservice {
 

@@ -1,12 +1,14 @@
 #include "validators/RegExpValidator.h"
 
+#include <optional>
+#include <regex.h>
 #include <string>
 #include <unordered_map>
 
 #include "core/Constants.h"
 #include "core/JsonText.h"
 #include "core/Log.h"
-#include "core/RegularExpression.h"
+#include "expressions/ExtendedExpression.h"
 
 namespace propertyservice {
 
@@ -14,23 +16,31 @@ namespace {
 
 constexpr std::size_t kMostKeptExpressions = 256;
 
-/// A compiled expression takes up to 4 KiB more with each new byte that it reads.
-constexpr std::size_t kMostBytesRead = 1536;
-
-/// The expressions of one thread, since one serves one thread at a time.
-struct KeptExpressions {
-  std::unordered_map<std::string, RegularExpression> byPattern;
-  std::size_t bytesRead = 0;  ///< By all of them.
-
-  /// Makes room for what reading a text of `size` may take.
-  void prepareToRead(std::size_t size) {
-    if (bytesRead + size > kMostBytesRead) {
-      byPattern.clear();
-      bytesRead = 0;
-    }
-    bytesRead += size;
+/// Nothing when the expression does not compile.
+std::optional<bool> libraryMatches(const std::string& pattern, const std::string& text) {
+  regex_t compiled;
+  if (regcomp(&compiled, pattern.c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
+    return std::nullopt;
   }
-};
+  const bool matches = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
+  regfree(&compiled);
+  return matches;
+}
+
+/// Nothing when the expression does not compile. Keeps the expressions that a thread compiles, since one
+/// value under a pattern is seldom the last.
+std::optional<bool> matches(const std::string& pattern, const std::string& text) {
+  thread_local std::unordered_map<std::string, std::optional<ExtendedExpression>> kept;
+
+  auto found = kept.find(pattern);
+  if (found == kept.end()) {
+    if (kept.size() == kMostKeptExpressions) {
+      kept.clear();
+    }
+    found = kept.emplace(pattern, ExtendedExpression::compile(pattern)).first;
+  }
+  return found->second ? found->second->matches(text) : libraryMatches(pattern, text);
+}
 
 bool refuse(Property& property) {
   property.setStatus(Status::RegExpError);
@@ -40,8 +50,6 @@ bool refuse(Property& property) {
 }  // namespace
 
 bool RegExpValidator::validate(Property& property) {
-  thread_local KeptExpressions kept;
-
   property.setStatus(Status::Ok);
   if (property.member(column::kRegexp).isNull()) {
     return true;
@@ -51,22 +59,12 @@ bool RegExpValidator::validate(Property& property) {
   const bool isText = value.isConvertibleTo(Json::stringValue);
   const std::string text = isText ? value.asString() : json::write(value);
 
-  kept.prepareToRead(text.size());
-  auto expression = kept.byPattern.find(pattern);
-  if (expression == kept.byPattern.end()) {
-    auto compiled = RegularExpression::compile(pattern, REG_EXTENDED);
-    if (!compiled) {
-      logger().info() << "Regexp compilation failed";
-      return refuse(property);
-    }
-    expression = kept.byPattern.emplace(pattern, std::move(*compiled)).first;
+  const std::optional<bool> matched = matches(pattern, text);
+  if (!matched) {
+    logger().info() << "Regexp compilation failed";
+    return refuse(property);
   }
-
-  const bool matches = isText && expression->second.matches(text);
-  if (!matches || kept.byPattern.size() > kMostKeptExpressions) {
-    kept.byPattern.erase(expression);
-  }
-  if (matches) {
+  if (isText && *matched) {
     return true;
   }
   logger().info() << "Regexp: " << pattern

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kLargestPayload = std::size_t{1024} * 1024;
 constexpr int kMostValues = 256 * 1024;  ///< That the daemon reads.
 constexpr std::size_t kProperties = 4096;
-constexpr std::size_t kGrowing = 16;  ///< Every so many rows have an expression that grows with each text.
+constexpr std::size_t kDear = 16;  ///< Every so many rows have an expression that takes long to match.
 
 std::string quoted(const std::string& text) {
   std::string json = json::write(text);
@@ -88,11 +88,12 @@ void addPatterns(std::vector<HostileRequest>& all) {
   }
 }
 
+std::string member(const std::string& name, const std::string& value) {
+  return "\"" + name + "\":\"" + value + "\",";
+}
+
 void addLists(std::vector<HostileRequest>& all, const std::vector<Row>& rows) {
   const std::string open = R"({"method":"setVList","list":{)";
-  const auto member = [](const std::string& name, const std::string& value) {
-    return "\"" + name + "\":\"" + value + "\",";
-  };
   const auto tiny = [](std::size_t i) { return "\"" + shortName(i) + "\":0,"; };
   const std::string field = R"(},"field":)";
 
@@ -137,21 +138,19 @@ void addLists(std::vector<HostileRequest>& all, const std::vector<Row>& rows) {
 }
 
 /// Each value of up to 256 characters costs the C library milliseconds under such an expression.
-void addGrowingExpressions(std::vector<HostileRequest>& all, const std::vector<Row>& rows) {
-  constexpr std::size_t kValues = 100;
+void addDearExpressions(std::vector<HostileRequest>& all, const std::vector<Row>& rows) {
+  const std::size_t keys = rows.size() / kDear;
   std::mt19937 random(2);  // NOLINT(cert-msc32-c,cert-msc51-cpp): the same values in every run
-  Json::Value request;
-  request["method"] = "setVList";
-  for (std::size_t i = 0; i < kValues; ++i) {
+  const auto part = [&](std::size_t i) {
     std::string value(218, 'A');
     for (char& character : value) {
       character = static_cast<char>((random() % 2 == 0 ? 'A' : 'a') + random() % 26);
     }
     value[value.size() - 18] = 'A';
     value.back() = '1';
-    request["list"][rows[i * kGrowing].key] = value;
-  }
-  all.push_back({"ListUnderGrowingExpressions", json::write(request)});
+    return member(withBlanks(rows[i % keys * kDear].key, i / keys), value);
+  };
+  all.push_back({"ListUnderDearExpressions", filled(R"({"method":"setVList","list":{)", part, "\"a\":0}}")});
 }
 
 void addNesting(std::vector<HostileRequest>& all) {
@@ -226,7 +225,7 @@ std::vector<Row> variedRows() {
             .flags = 8,
             .webui = "Web" + key,
             .provisioning = "P." + key};
-    if (rows.size() % kGrowing == 0) {
+    if (rows.size() % kDear == 0) {
       row.regexp = "^(.*[A-Z].{16}[0-9]|" + std::to_string(rows.size()) + "x)$";
     }
     rows.push_back(row);
@@ -239,7 +238,7 @@ std::vector<HostileRequest> hostileRequests(const std::vector<Row>& rows) {
   std::vector<HostileRequest> all;
   addPatterns(all);
   addLists(all, rows);
-  addGrowingExpressions(all, rows);
+  addDearExpressions(all, rows);
   addNesting(all);
   addTexts(all, rows);
   addColumns(all);

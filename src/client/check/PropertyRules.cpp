@@ -4,13 +4,13 @@
 #include <array>
 #include <cstdint>
 #include <limits>
+#include <regex.h>
 #include <set>
 #include <utility>
 
 #include "client/check/ExpressionCost.h"
 #include "client/check/Findings.h"
 #include "core/Constants.h"
-#include "core/RegularExpression.h"
 #include "database/StorableValue.h"
 #include "validators/EnumValidator.h"
 #include "validators/MinMaxValidator.h"
@@ -119,10 +119,10 @@ class Judge {
     if (!expressionWorks_) {
       error("the expression " + inQuotes(expression) +
             " repeats, nests or refers back too much: compiling or matching it can stall the daemon");
-    } else if (!propertyservice::RegularExpression::compile(expression, REG_EXTENDED)) {
+    } else if (const std::string reason = reasonNotToCompile(expression); !reason.empty()) {
       expressionWorks_ = false;
-      error("the expression " + inQuotes(expression) + " does not compile (" +
-            reasonNotToCompile(expression) + "): every write is refused");
+      error("the expression " + inQuotes(expression) + " does not compile (" + reason +
+            "): every write is refused");
     } else if (expression.empty()) {
       warning("the expression is an empty text, which allows everything: write NULL for none");
     } else if (const std::string escape = foreignEscape(expression); !escape.empty()) {

@@ -1,11 +1,12 @@
 #pragma once
 
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include "expressions/BracketExpression.h"
 
 namespace propertyservice {
 
@@ -28,8 +29,6 @@ class SimpleExpression {
 
  private:
   class Reader;
-
-  using Bytes = std::bitset<256>;
 
   /// Matches one of `bytes`; when it is repeated, any number of them.
   struct Unit {
