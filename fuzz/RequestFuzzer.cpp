@@ -9,6 +9,7 @@
 #include <SQLiteCpp/Statement.h>
 #include <json/reader.h>
 
+#include "core/Constants.h"
 #include "core/DatabaseBackup.h"
 #include "core/Dispatcher.h"
 #include "core/Init.h"
@@ -31,10 +32,7 @@ constexpr char kRequestTopic[] = "fuzz/prop-service";
 constexpr char kReplyTopic[] = "prop-service/fuzz";
 constexpr std::size_t kLargestPayloadBytes = 1024 * 1024;
 
-constexpr char kScript[] = R"sql(
-CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= 256),
-  webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, enum TEXT,
-  flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256));
+const std::string kScript = std::string(kCreateTable) + R"sql(;
 INSERT INTO settings(key, value, flags) VALUES ('NET.MAC.Address', '', 1), ('System.General.Variant.Name', '', 1),
   ('System.General.Variant.MajorID', '3', 1), ('System.General.Variant.MinorID', '', 1),
   ('System.General.ExperimentalFeatures', '', 1), ('System.General.SoftwareVersion', '', 1),

@@ -13,6 +13,7 @@
 #include "cmdlineparser/CmdLineParser.h"
 #include "common/ServiceManager.h"
 #include "common/Signal.h"
+#include "core/Constants.h"
 #include "core/Dispatcher.h"
 #include "core/Init.h"
 #include "core/Log.h"
@@ -70,8 +71,8 @@ int main(int argc, char* argv[]) {
   }
 
   manager.setStatus("Connecting to the broker");
-  const auto client = ipc::IPCFactory::createInstanceShared("prop-service", "localhost", false,
-                                                            [&] { return manager.alive(); });
+  const auto client =
+      ipc::IPCFactory::createInstanceShared(kServiceName, kBusHost, false, [&] { return manager.alive(); });
   Dispatcher dispatcher(client, std::move(database), std::move(backup), std::make_unique<Messenger>(client));
 
   common::signal::registerHandler();

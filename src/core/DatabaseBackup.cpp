@@ -13,6 +13,7 @@
 #include "core/Log.h"
 #include "core/Migrations.h"
 #include "core/ShellText.h"
+#include "wire/Flags.h"
 
 namespace propertyservice {
 
@@ -24,11 +25,11 @@ constexpr std::string_view kFactoryResetBackup = "reset_backup.csv";
 constexpr std::string_view kSysdump = "sysdump.csv";
 
 // A row is exported when its flags and the mask have a bit in common.
-constexpr std::uint8_t kUserMask = 8;
+constexpr std::uint8_t kUserMask = flag::kUser;
 constexpr std::uint8_t kAllSettingsMask = 238;
 constexpr std::uint8_t kVersionChangeMask = 254;
-constexpr std::uint8_t kFactoryResetMask = 16;
-constexpr std::uint8_t kSysdumpMask = 4;
+constexpr std::uint8_t kFactoryResetMask = flag::kKept;
+constexpr std::uint8_t kSysdumpMask = flag::kDump;
 
 constexpr std::string_view kKeyAndValue = "key,value";
 constexpr std::string_view kEveryColumn = "*";

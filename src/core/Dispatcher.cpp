@@ -12,10 +12,10 @@
 #include "common/Quote.h"
 #include "common/ServiceManager.h"
 #include "common/Signal.h"
+#include "core/Constants.h"
 #include "core/JsonText.h"
 #include "core/Log.h"
 #include "core/Replies.h"
-#include "core/ServiceName.h"
 #include "ipc/IPCException.h"
 #include "wire/Names.h"
 

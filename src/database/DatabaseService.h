@@ -22,11 +22,11 @@ class DatabaseService : public IDatabaseService {
       : persistent_(std::move(persistentDatabase)), volatile_(std::move(volatileStorage)) {}
 
   void get(Property& property) override {
-    isVolatile(property) ? volatile_->get(property) : persistent_->get(property);
+    on(property, [&](auto& store) { store.get(property); });
   }
 
   void set(Property& property) override {
-    isVolatile(property) ? volatile_->set(property) : persistent_->set(property);
+    on(property, [&](auto& store) { store.set(property); });
   }
 
   std::vector<Property> getMultiple(const std::string& keyPattern, const std::vector<std::string>& columns,
@@ -39,15 +39,13 @@ class DatabaseService : public IDatabaseService {
   }
 
   void setMultiple(std::vector<Property>& properties) override {
-    if (properties.empty()) {
-      return;
+    if (!properties.empty()) {
+      on(properties.front(), [&](auto& store) { store.setMultiple(properties); });
     }
-    isVolatile(properties.front()) ? volatile_->setMultiple(properties)
-                                   : persistent_->setMultiple(properties);
   }
 
   void reset(Property& property) override {
-    isVolatile(property) ? volatile_->reset(property) : persistent_->reset(property);
+    on(property, [&](auto& store) { store.reset(property); });
   }
 
   std::vector<Property> resetMultiple(const std::string& keyPattern) override {
@@ -64,7 +62,16 @@ class DatabaseService : public IDatabaseService {
 
  private:
   static bool isVolatile(const std::string& key) { return key.starts_with(kVolatilePrefix); }
-  static bool isVolatile(const Property& property) { return isVolatile(property.text(column::kKey)); }
+
+  /// Calls `operation` with the store of the property.
+  template <typename Operation>
+  void on(const Property& property, const Operation& operation) {
+    if (isVolatile(property.text(column::kKey))) {
+      operation(*volatile_);
+    } else {
+      operation(*persistent_);
+    }
+  }
 
   PersistentPtr persistent_;
   std::unique_ptr<VolatileStorage<leveldb::DB>> volatile_;

@@ -34,11 +34,6 @@ constexpr std::chrono::seconds kHurry(1);
 /// The bits of SQLite's primary result code in an extended one.
 constexpr int kPrimaryCode = 0xff;
 
-constexpr const char* kCreate =
-    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
-    "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
-    "enum "
-    "TEXT, flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256))";
 constexpr const char* kDrop = "DROP TABLE IF EXISTS settings";
 constexpr const char* kInsert =
     "INSERT INTO settings VALUES (:propertyName, :propertyValue, :webAliasName, :provAliasName, :tr69, "
@@ -248,7 +243,7 @@ PersistentStorage::~PersistentStorage() {
 }
 
 void PersistentStorage::createTable() {
-  reportingFailure([&] { SQLite::Statement(*database_, kCreate).exec(); });
+  reportingFailure([&] { SQLite::Statement(*database_, kCreateTable).exec(); });
 }
 
 void PersistentStorage::dropTable() {

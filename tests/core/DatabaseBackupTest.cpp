@@ -6,6 +6,7 @@
 
 #include <SQLiteCpp/Database.h>
 
+#include "core/Constants.h"
 #include "core/DatabaseBackup.h"
 #include "support/FakeDatabaseService.h"
 #include "support/LogCapture.h"
@@ -68,9 +69,8 @@ class DatabaseBackupTest : public testing::Test {
   DatabaseBackupTest() {
     SQLite::Database database(paths_.database, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database.exec(
-        "BEGIN;"
-        "CREATE TABLE settings(key TEXT PRIMARY KEY, value TEXT, webui TEXT, provisioning TEXT, tr069 TEXT, "
-        "range_min INTEGER, range_max INTEGER, regexp TEXT, enum TEXT, flags INTEGER, defaultvalues TEXT);"
+        "BEGIN;" + std::string(kCreateTable) +
+        ";"
         "WITH bits(b) AS (VALUES (0), (1), (2), (4), (8), (16), (32), (64), (128)) "
         "INSERT INTO settings SELECT 'F' || b, 'of ' || b, 'w', NULL, 't', 1, 9, 'r', 'e', b, 'd' FROM bits;"
         "INSERT INTO settings(key, value) VALUES ('Unflagged', 'x');"

@@ -4,6 +4,7 @@
 
 #include <SQLiteCpp/Database.h>
 
+#include "core/Constants.h"
 #include "core/Init.h"
 #include "database/PersistentStorageException.h"
 #include "support/LogCapture.h"
@@ -22,11 +23,7 @@ using testing::ThrowsMessage;
 constexpr char kDeviceName[] = "NET.General.DeviceNameInNetwork";
 constexpr char kRecovery[] = "State.System.General.FirmwareUpdateParametersRecovery";
 
-constexpr char kTable[] =
-    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
-    "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
-    "enum "
-    "TEXT, flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256));\n";
+const std::string kTable = std::string(kCreateTable) + ";\n";
 
 constexpr char kRows[] =
     "INSERT INTO settings(key, value, flags) VALUES ('NET.MAC.Address', '', 1), "
@@ -40,7 +37,7 @@ constexpr char kRows[] =
 /// The table and the rows that start-up needs, with `count` more, each in a statement and on a line of its
 /// own.
 std::string separateRows(int count) {
-  std::string script = std::string(kTable) + kRows;
+  std::string script = kTable + kRows;
   for (int row = 0; row < count; ++row) {
     script += "INSERT INTO settings(key, value) VALUES ('Row." + std::to_string(row) + "', 'x');\n";
   }
@@ -125,7 +122,7 @@ class InitTest : public testing::Test {
   }
 
   void writeScript(const std::string& rows) {
-    directory_.write("nvminit.sql", "BEGIN;\n" + std::string(kTable) + rows + "COMMIT;\n");
+    directory_.write("nvminit.sql", "BEGIN;\n" + kTable + rows + "COMMIT;\n");
   }
 
   void appendToScript(const std::string& rows) { writeScript(kRows + rows); }

@@ -1,3 +1,4 @@
+#include "core/Constants.h"
 #include "device/SampleDevice.h"
 
 namespace propertyservice {
@@ -22,10 +23,7 @@ TEST_F(DatabaseScript, runsWithoutAComplaint) {
 
 TEST_F(DatabaseScript, createsExactlyTheTable) {
   EXPECT_EQ(database_.text("SELECT group_concat(sql) FROM sqlite_master WHERE sql IS NOT NULL"),
-            "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT "
-            "check(length(value) <= 256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, "
-            "range_max INTEGER, regexp TEXT, enum TEXT, flags INTEGER, defaultvalues TEXT "
-            "check(length(defaultvalues) <= 256))");
+            kCreateTable);
 }
 
 TEST_F(DatabaseScript, bringsAboutTwoHundredProperties) {

@@ -8,6 +8,7 @@ import inspect
 import json
 import os
 import pathlib
+import re
 import select
 import shutil
 import signal
@@ -25,11 +26,9 @@ FILES = {"user": "user_backup.csv", "version": "sys_backup.csv", "factory": "res
          "dump": "sysdump.csv"}
 RECOVERY = "State.System.General.FirmwareUpdateParametersRecovery"
 
-_SCHEMA = """\
-CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= 256), webui TEXT,
-provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, enum TEXT, flags INTEGER,
-defaultvalues TEXT check(length(defaultvalues) <= 256));
-"""
+# As in the script of the sample device.
+_SCRIPT = pathlib.Path(__file__).parents[2] / "device/etc/propsrv.d/nvminit.sql"
+_SCHEMA = re.search(r"CREATE TABLE[^;]*;\n", _SCRIPT.read_text())[0]
 
 # Filled by the daemon at every start, or of its own use.
 _SYSTEM = {

@@ -9,16 +9,11 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 
+#include "core/Constants.h"
+
 namespace propertyservice::test {
 
 namespace {
-
-constexpr const char* kCreateTable =
-    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
-    "256), "
-    "webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, enum "
-    "TEXT, "
-    "flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256));\n";
 
 std::string literal(const std::string& text) {
   std::string quoted = "'";
@@ -99,7 +94,7 @@ std::vector<Row> Device::defaultRows() {
 }
 
 void Device::writeScript(const std::vector<Row>& rows) {
-  std::string script = std::string("BEGIN;\n") + kCreateTable;
+  std::string script = std::string("BEGIN;\n") + kCreateTable + ";\n";
   for (const Row& row : rows) {
     script += insertStatement(row);
   }

@@ -19,6 +19,7 @@
 #include "core/Property.h"
 #include "database/PersistentStorage.h"
 #include "database/StorableValue.h"
+#include "wire/Flags.h"
 
 namespace check {
 
@@ -27,13 +28,12 @@ namespace {
 using propertyservice::PersistentStorage;
 using propertyservice::Property;
 namespace column = propertyservice::column;
+namespace flag = propertyservice::flag;
 
 constexpr const char* kCommonFile = "Update.Common.json";
 constexpr std::string_view kPrefix = "Update.";
 constexpr std::string_view kSuffix = ".json";
 constexpr const char* kEndsStart = ", which ends the daemon's start-up";
-constexpr Json::Int64 kReadOnlyFlag = 1;
-constexpr Json::Int64 kUserFlag = 8;
 
 /// An entry that the storage can be given.
 struct Entry {
@@ -301,7 +301,7 @@ class EntryApplier {
       return;
     }
     const Json::Int64 flags = property->member(column::kFlags).asInt64();
-    if ((flags & kUserFlag) != 0 && (flags & kReadOnlyFlag) == 0) {
+    if ((flags & flag::kUser) != 0 && (flags & flag::kReadOnly) == 0) {
       findings_.warning(
           source_, entry.line,
           inQuotes(property->text(column::kKey)) +

@@ -16,6 +16,7 @@
 #include "core/Migrations.h"
 #include "core/Property.h"
 #include "database/PersistentStorage.h"
+#include "wire/Flags.h"
 
 namespace check {
 
@@ -23,12 +24,12 @@ namespace {
 
 using propertyservice::Property;
 namespace column = propertyservice::column;
+namespace flag = propertyservice::flag;
 
 constexpr std::string_view kPrefix = "migration_";
 constexpr std::string_view kSuffix = ".json";
 constexpr const char* kEndsSteps = ": this step and all later ones are left out";
 constexpr const char* kNeverDone = ": this step and all later ones are never carried out";
-constexpr Json::Int64 kUserFlag = 8;
 
 struct Rename {
   std::size_t line;
@@ -309,7 +310,7 @@ class ScriptComparer {
                         "the database script has no key " + inQuotes(rename.newKey) + ": the value of " +
                             inQuotes(rename.oldKey) + " is lost");
       } else if (const auto property = row(rename.newKey);
-                 property && (property->member(column::kFlags).asInt64() & kUserFlag) == 0) {
+                 property && (property->member(column::kFlags).asInt64() & flag::kUser) == 0) {
         findings_.warning(
             *step.source, rename.line,
             inQuotes(rename.newKey) + " is without the flag user (8), so the user's backups lack " +

@@ -15,6 +15,7 @@
 #include "validators/EnumValidator.h"
 #include "validators/MinMaxValidator.h"
 #include "validators/RegExpValidator.h"
+#include "wire/Flags.h"
 
 namespace check {
 
@@ -22,12 +23,7 @@ namespace {
 
 using propertyservice::Property;
 namespace column = propertyservice::column;
-
-constexpr Json::Int64 kReadOnly = 1;
-constexpr Json::Int64 kDump = 4;
-constexpr Json::Int64 kUser = 8;
-constexpr Json::Int64 kKept = 16;
-constexpr Json::Int64 kKnownFlags = 31;
+namespace flag = propertyservice::flag;
 
 bool has(const Property& row, std::string_view name) {
   return !row.member(name).isNull();
@@ -235,17 +231,17 @@ class Judge {
 
   void judgeFlags() {
     const Json::Int64 flags = row_.member(column::kFlags).asInt64();
-    if ((flags & ~kKnownFlags) != 0) {
+    if ((flags & ~flag::kKnown) != 0) {
       warning("the flags " + std::to_string(flags) +
               " have bits without a meaning: the sum of 1 read-only, 2 setting, "
               "4 dump, 8 user and 16 kept is used");
     }
-    if ((flags & kReadOnly) != 0 && (flags & (kUser | kKept)) != 0) {
+    if ((flags & flag::kReadOnly) != 0 && (flags & (flag::kUser | flag::kKept)) != 0) {
       warning("the flags " + std::to_string(flags) +
               " save a read-only property for the user or a factory reset, but its restore is refused");
     }
     const bool secret = key_.ends_with("Password") || key_.ends_with("PIN");
-    if (secret && (flags & (kDump | kUser)) != 0) {
+    if (secret && (flags & (flag::kDump | flag::kUser)) != 0) {
       warning("the flags " + std::to_string(flags) +
               " show a secret in dumps or the user's backup: 2 alone saves it with all settings only");
     }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "client/check/Check.h"
+#include "core/Constants.h"
 #include "support/TemporaryDirectory.h"
 
 namespace check {
@@ -60,11 +61,7 @@ class CheckTest : public testing::Test {
   std::vector<std::filesystem::path> paths_;
 };
 
-inline const std::string kTable =
-    "CREATE TABLE settings(key TEXT PRIMARY KEY check(length(key) <= 64), value TEXT check(length(value) <= "
-    "256), webui TEXT, provisioning TEXT, tr069 TEXT, range_min INTEGER, range_max INTEGER, regexp TEXT, "
-    "enum "
-    "TEXT, flags INTEGER, defaultvalues TEXT check(length(defaultvalues) <= 256));\n";
+inline const std::string kTable = std::string(propertyservice::kCreateTable) + ";\n";
 
 /// What start-up needs.
 inline const std::string kNeededRows =
