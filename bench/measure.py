@@ -30,8 +30,9 @@ DAEMON = "prop-service"
 LIBRARY = "bare-service"
 IPC = "bipc-service"
 
-WORKLOADS = [(method, clients, outstanding)
-             for method in ("getV", "setV") for clients, outstanding in ((1, 1), (1, 64), (8, 32))]
+WORKLOADS = [
+    (method, clients, outstanding) for method in ("getV", "setV") for clients, outstanding in ((1, 1), (1, 64), (8, 32))
+]
 SIZES = (200, 4096, 65536)
 
 
@@ -52,8 +53,12 @@ QUICK = Plan(rounds=1, seconds=0.2, repetitions=1, min_time=0.01, idle_seconds=2
 def running(command, log):
     """A process for as long as the context lasts; it ends with this one however that ends."""
     with open(log, "a") as output:
-        process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *map(str, command)],
-                                   stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        process = subprocess.Popen(
+            ["setpriv", "--pdeathsig", "KILL", *map(str, command)],
+            stdin=subprocess.DEVNULL,
+            stdout=output,
+            stderr=output,
+        )
     try:
         yield process.pid
     finally:
@@ -67,8 +72,13 @@ def running(command, log):
 
 def run(command, cores=ALL_CORES, **options):
     """The output of a command that succeeds within two minutes, or ten for the benchmarks."""
-    return subprocess.run(["taskset", "-c", ",".join(map(str, cores)), *map(str, command)], check=True, text=True,
-                          stdout=subprocess.PIPE, **{"timeout": 120, **options}).stdout
+    return subprocess.run(
+        ["taskset", "-c", ",".join(map(str, cores)), *map(str, command)],
+        check=True,
+        text=True,
+        stdout=subprocess.PIPE,
+        **{"timeout": 120, **options},
+    ).stdout
 
 
 def tasks(pid):
@@ -80,8 +90,12 @@ def cpu_us(pid):
 
 
 def context_switches(pid):
-    return sum(int(line.split()[1]) for task in tasks(pid) for line in (task / "status").read_text().splitlines()
-               if "ctxt_switches" in line)
+    return sum(
+        int(line.split()[1])
+        for task in tasks(pid)
+        for line in (task / "status").read_text().splitlines()
+        if "ctxt_switches" in line
+    )
 
 
 def pin(pid, cores):
@@ -133,16 +147,28 @@ def measure_in_process(build, output, plan):
     scratch.mkdir(exist_ok=True)
     result = output / "benchmarks.json"
     with open(output / "benchmarks.log", "w") as log:
-        run([build / "benchmarks", f"--benchmark_out={result}", f"--benchmark_min_time={plan.min_time}",
-             f"--benchmark_repetitions={plan.repetitions}", "--benchmark_enable_random_interleaving=true"],
-            stderr=log, timeout=600, env={**os.environ, "TMPDIR": str(scratch)})
+        run(
+            [
+                build / "benchmarks",
+                f"--benchmark_out={result}",
+                f"--benchmark_min_time={plan.min_time}",
+                f"--benchmark_repetitions={plan.repetitions}",
+                "--benchmark_enable_random_interleaving=true",
+            ],
+            stderr=log,
+            timeout=600,
+            env={**os.environ, "TMPDIR": str(scratch)},
+        )
     times = {}
     nanoseconds = {"ns": 1, "us": 1e3, "ms": 1e6}
     for entry in json.loads(result.read_text())["benchmarks"]:
         if entry["run_type"] == "iteration":
             clock = "real_time" if "real_time" in entry["name"] else "cpu_time"
-            name = "/".join(part for part in entry["name"].split("/")
-                            if part != "real_time" and not part.startswith(("iterations:", "repeats:", "min_time:")))
+            name = "/".join(
+                part
+                for part in entry["name"].split("/")
+                if part != "real_time" and not part.startswith(("iterations:", "repeats:", "min_time:"))
+            )
             times.setdefault(name, []).append(entry[clock] * nanoseconds[entry["time_unit"]])
     return times
 
@@ -152,9 +178,11 @@ def measure_bus(build, output, plan, broker_pid):
     make_device(build, 4096)
     log = output / "daemon.log"
     samples = []
-    with (running([build / "PropertyService"], log) as daemon,
-          running([build / "bareresponder", LIBRARY, "library"], output / "library.log") as library,
-          running([build / "bareresponder", IPC, "ipc"], output / "ipc.log") as ipc):
+    with (
+        running([build / "PropertyService"], log) as daemon,
+        running([build / "bareresponder", LIBRARY, "library"], output / "library.log") as library,
+        running([build / "bareresponder", IPC, "ipc"], output / "ipc.log") as ipc,
+    ):
         responders = {DAEMON: daemon, LIBRARY: library, IPC: ipc}
         for service in responders:  # until each answers
             run([build / "busload", service, "getV", 1, 1, 0.1])
@@ -170,10 +198,17 @@ def measure_bus(build, output, plan, broker_pid):
                         wait_until_quiet(pid, broker_pid)
                         after = cpu_us(pid), cpu_us(broker_pid)
                         requests = sample["requests"]
-                        samples.append({"responder": service, "workload": "{} {}x{}".format(*workload),
-                                        "pinned": pinned, "round": number,
-                                        "service_cpu_us": (after[0] - before[0]) / requests,
-                                        "broker_cpu_us": (after[1] - before[1]) / requests, **sample})
+                        samples.append(
+                            {
+                                "responder": service,
+                                "workload": "{} {}x{}".format(*workload),
+                                "pinned": pinned,
+                                "round": number,
+                                "service_cpu_us": (after[0] - before[0]) / requests,
+                                "broker_cpu_us": (after[1] - before[1]) / requests,
+                                **sample,
+                            }
+                        )
         time.sleep(2)  # the writer has nothing left to do
         before = context_switches(daemon)
         time.sleep(plan.idle_seconds)
@@ -189,15 +224,22 @@ def measure_start(build, output, plan):
         for number in range(-1, plan.rounds):
             with open(output / "start.log", "a") as log:
                 sample = json.loads(run([build / "starttime", DAEMON, build / "PropertyService"], stderr=log))
-                bare = json.loads(run([build / "starttime", LIBRARY, build / "bareresponder", LIBRARY, "library"],
-                                      stderr=log))
+                bare = json.loads(
+                    run([build / "starttime", LIBRARY, build / "bareresponder", LIBRARY, "library"], stderr=log)
+                )
             begin = time.perf_counter()
             subprocess.run(["sqlite3", DATABASE, "SELECT * FROM settings"], check=True, stdout=subprocess.DEVNULL)
             if number < 0:
                 continue  # the first start of all writes down what the device is
-            samples.append({"properties": count, "round": number, **sample,
-                            "bare_first_reply_ms": bare["first_reply_ms"],
-                            "select_ms": (time.perf_counter() - begin) * 1000})
+            samples.append(
+                {
+                    "properties": count,
+                    "round": number,
+                    **sample,
+                    "bare_first_reply_ms": bare["first_reply_ms"],
+                    "select_ms": (time.perf_counter() - begin) * 1000,
+                }
+            )
     return samples
 
 
@@ -213,8 +255,11 @@ def measure_maintenance(build, output, plan):
         lines = backup.read_text().splitlines()
         for number in range(plan.rounds):
             value = f";{number % 10}"
-            backup.write_text("".join((line.rpartition(";")[0] + value if line.startswith("Account.") else line) + "\n"
-                                      for line in lines))
+            backup.write_text(
+                "".join(
+                    (line.rpartition(";")[0] + value if line.startswith("Account.") else line) + "\n" for line in lines
+                )
+            )
             sample = {"round": number, "changed": sum(line.startswith("Account.") for line in lines)}
             for operation in (["restore"], ["backup", "--all"]):
                 begin = time.perf_counter()
@@ -227,12 +272,19 @@ def measure_maintenance(build, output, plan):
 def measure_slow_disk(build, output, plan):
     """A sample for each round: the round trip of a setV on a disk that takes 30 ms for each synchronisation."""
     make_device(build, 4096)
-    slow = ["env", f"LD_PRELOAD={build / 'tests/support/libslow_sync.so'}", "SLOW_SYNC_PROGRAM=PropertyService",
-            "SLOW_SYNC_MS=30", "SLOW_SYNC_LOG=/dev/null"]
+    slow = [
+        "env",
+        f"LD_PRELOAD={build / 'tests/support/libslow_sync.so'}",
+        "SLOW_SYNC_PROGRAM=PropertyService",
+        "SLOW_SYNC_MS=30",
+        "SLOW_SYNC_LOG=/dev/null",
+    ]
     with running([*slow, build / "PropertyService"], output / "slow.log"):
         run([build / "busload", DAEMON, "getV", 1, 1, 0.1])  # until it answers
-        return [{"round": number, **json.loads(run([build / "busload", DAEMON, "setV", 1, 1, plan.seconds]))}
-                for number in range(plan.rounds)]
+        return [
+            {"round": number, **json.loads(run([build / "busload", DAEMON, "setV", 1, 1, plan.seconds]))}
+            for number in range(plan.rounds)
+        ]
 
 
 def measure_hostile(build, output):
@@ -248,10 +300,17 @@ def measure_hostile(build, output):
 
 
 def machine():
-    models = [line.split(":")[1].strip() for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
-              if line.startswith("model name")]
-    return {"cpu": models[0] if models else platform.machine(), "cores": len(ALL_CORES),
-            "kernel": platform.release(), "load_before": os.getloadavg()[0]}
+    models = [
+        line.split(":")[1].strip()
+        for line in pathlib.Path("/proc/cpuinfo").read_text().splitlines()
+        if line.startswith("model name")
+    ]
+    return {
+        "cpu": models[0] if models else platform.machine(),
+        "cores": len(ALL_CORES),
+        "kernel": platform.release(),
+        "load_before": os.getloadavg()[0],
+    }
 
 
 def main():

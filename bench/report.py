@@ -51,8 +51,11 @@ class Results:
         return Figure(nanoseconds / unit for nanoseconds in self._times[benchmark])
 
     def bus(self, responder, workload, member, pinned=True):
-        return Figure(sample[member] for sample in self._bus
-                      if (sample["responder"], sample["workload"], sample["pinned"]) == (responder, workload, pinned))
+        return Figure(
+            sample[member]
+            for sample in self._bus
+            if (sample["responder"], sample["workload"], sample["pinned"]) == (responder, workload, pinned)
+        )
 
     def workloads(self):
         return list(dict.fromkeys(sample["workload"] for sample in self._bus))
@@ -70,8 +73,11 @@ class Results:
         return Figure(sample[member] for sample in self._slow_disk)
 
     def start_beyond_connecting(self, properties):
-        return Figure(sample["first_reply_ms"] - sample["connect_ms"] for sample in self._start
-                      if sample["properties"] == properties)
+        return Figure(
+            sample["first_reply_ms"] - sample["connect_ms"]
+            for sample in self._start
+            if sample["properties"] == properties
+        )
 
 
 def resident_mib(results, properties):
@@ -89,25 +95,53 @@ def targets(results):
 
     return [
         ("getV, round trip, 1 client: over the bare responder", over_library("getV 1x1", "p50_us"), "at most", 1.05),
-        ("getV, throughput, 8 x 32: over the bare responder", over_library("getV 8x32", "per_second"),
-         "at least", 0.95),
+        (
+            "getV, throughput, 8 x 32: over the bare responder",
+            over_library("getV 8x32", "per_second"),
+            "at least",
+            0.95,
+        ),
         ("setV, round trip, 1 client: over the bare responder", over_library("setV 1x1", "p50_us"), "at most", 1.10),
-        ("setV, throughput, 8 x 32: over the bare responder", over_library("setV 8x32", "per_second"),
-         "at least", 0.90),
-        ("CPU of a getV, 8 x 32: daemon over the bare responder", over_library("getV 8x32", "service_cpu_us"),
-         "at most", 1.3),
+        (
+            "setV, throughput, 8 x 32: over the bare responder",
+            over_library("setV 8x32", "per_second"),
+            "at least",
+            0.90,
+        ),
+        (
+            "CPU of a getV, 8 x 32: daemon over the bare responder",
+            over_library("getV 8x32", "service_cpu_us"),
+            "at most",
+            1.3,
+        ),
         ("setV in process: over its JSON with JsonCpp alone", over("setV/4096", "jsonOfSetV"), "at most", 3),
         ("getV in process: over its JSON with JsonCpp alone", over("getV/4096", "jsonOfGetV"), "at most", 1.6),
-        ("write-behind, properties per second: over SQLite's C interface", over("writeBatchInC", "writeBatch"),
-         "at least", 0.95),
+        (
+            "write-behind, properties per second: over SQLite's C interface",
+            over("writeBatchInC", "writeBatch"),
+            "at least",
+            0.95,
+        ),
         ("getColsL of 10 among 4096 in process: over one getV", over("getColsLTen/4096", "getV/4096"), "at most", 15),
-        ("start to first reply at 4096 properties, without connecting, ms", results.start_beyond_connecting(4096),
-         "at most", 30),
+        (
+            "start to first reply at 4096 properties, without connecting, ms",
+            results.start_beyond_connecting(4096),
+            "at most",
+            30,
+        ),
         ("resident memory at 4096 properties, MiB", resident_mib(results, 4096), "at most", 20),
-        ("worst of the hostile requests, processor time, ms",
-         Figure([max(cost["ms"] for cost in results.hostile.values())]), "at most", 1000),
-        ("worst of the hostile requests, memory, MiB",
-         Figure([max(cost["kib"] for cost in results.hostile.values()) / 1024]), "at most", 64),
+        (
+            "worst of the hostile requests, processor time, ms",
+            Figure([max(cost["ms"] for cost in results.hostile.values())]),
+            "at most",
+            1000,
+        ),
+        (
+            "worst of the hostile requests, memory, MiB",
+            Figure([max(cost["kib"] for cost in results.hostile.values()) / 1024]),
+            "at most",
+            64,
+        ),
         ("context switches per second, idle", Figure([results.idle]), "at most", 4),
     ]
 
@@ -136,65 +170,97 @@ def target_table(results):
 def bus_table(results, pinned):
     rows = []
     for workload in results.workloads():
-        for responder, name in ((DAEMON, "daemon"), (LIBRARY, "bare, libmosquitto's thread"),
-                                (IPC, "bare, the daemon's bus client")):
-            figures = [results.bus(responder, workload, member, pinned)
-                       for member in ("p50_us", "p99_us", "per_second", "service_cpu_us", "broker_cpu_us")]
+        for responder, name in (
+            (DAEMON, "daemon"),
+            (LIBRARY, "bare, libmosquitto's thread"),
+            (IPC, "bare, the daemon's bus client"),
+        ):
+            figures = [
+                results.bus(responder, workload, member, pinned)
+                for member in ("p50_us", "p99_us", "per_second", "service_cpu_us", "broker_cpu_us")
+            ]
             rows.append((workload, name, *figures, percent(figures[2])))
-    return table(("requests", "responder", "p50 µs", "p99 µs", "per second", "its CPU µs", "broker's CPU µs",
-                  "spread"), rows)
+    return table(
+        ("requests", "responder", "p50 µs", "p99 µs", "per second", "its CPU µs", "broker's CPU µs", "spread"), rows
+    )
 
 
 def start_table(results):
-    rows = [(properties, results.start_beyond_connecting(properties),
-             *(results.start(properties, member) for member in ("cpu_ms", "bare_first_reply_ms", "select_ms")),
-             resident_mib(results, properties))
-            for properties in results.sizes()]
-    return table(("properties", "first reply ms", "its CPU ms", "bare responder ms", "sqlite3, SELECT * ms",
-                  "resident MiB"), rows)
+    rows = [
+        (
+            properties,
+            results.start_beyond_connecting(properties),
+            *(results.start(properties, member) for member in ("cpu_ms", "bare_first_reply_ms", "select_ms")),
+            resident_mib(results, properties),
+        )
+        for properties in results.sizes()
+    ]
+    return table(
+        ("properties", "first reply ms", "its CPU ms", "bare responder ms", "sqlite3, SELECT * ms", "resident MiB"),
+        rows,
+    )
 
 
 def maintenance_table(results):
     changed = results.maintenance("changed")
-    figures = ((f"restore of {changed.median} changed values among 4096, by propctl, ms", results.maintenance("restore_ms")),
-               ("backup of all settings after it, by propctl, ms", results.maintenance("backup_ms")),
-               ("setV, round trip, 1 client, 30 ms a synchronisation, µs", results.slow_disk("p50_us")),
-               ("the same on the disk of the table above, µs", results.bus(DAEMON, "setV 1x1", "p50_us", False)))
+    figures = (
+        (f"restore of {changed.median} changed values among 4096, by propctl, ms", results.maintenance("restore_ms")),
+        ("backup of all settings after it, by propctl, ms", results.maintenance("backup_ms")),
+        ("setV, round trip, 1 client, 30 ms a synchronisation, µs", results.slow_disk("p50_us")),
+        ("the same on the disk of the table above, µs", results.bus(DAEMON, "setV 1x1", "p50_us", False)),
+    )
     return table(("what", "median", "spread"), [(what, figure, percent(figure)) for what, figure in figures])
 
 
 def growth_table(results):
     sizes = results.sizes()
-    rows = [(request, *(results.time(f"{request}/{size}", 1000) for size in sizes))
-            for request in ("getV", "setV", "getColsLTen", "getColsLAll")]
+    rows = [
+        (request, *(results.time(f"{request}/{size}", 1000) for size in sizes))
+        for request in ("getV", "setV", "getColsLTen", "getColsLAll")
+    ]
     return table(("in process, µs", *(f"{size:,} properties" for size in sizes)), rows)
 
 
 def hostile_table(results):
     """The dozen that take the most time."""
     worst = sorted(results.hostile.items(), key=lambda item: -item[1]["ms"])[:12]
-    return table(("request of up to 1 MiB", "processor ms", "MiB"),
-                 [(name, Figure([cost["ms"]]), Figure([cost["kib"] / 1024])) for name, cost in worst])
+    return table(
+        ("request of up to 1 MiB", "processor ms", "MiB"),
+        [(name, Figure([cost["ms"]]), Figure([cost["kib"] / 1024])) for name, cost in worst],
+    )
 
 
 def process_table(results):
-    return table(("in process", "µs", "spread"),
-                 [(name, results.time(name, 1000), percent(results.time(name))) for name in results.benchmarks()])
+    return table(
+        ("in process", "µs", "spread"),
+        [(name, results.time(name, 1000), percent(results.time(name))) for name in results.benchmarks()],
+    )
 
 
 def report(results):
     machine = results.machine
-    return "\n".join([
-        f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; load average before the run "
-        f"{machine['load_before']:.1f}. Medians; the spread is that of all rounds, (largest - smallest) / median.\n",
-        "### Targets\n", target_table(results),
-        "### On the bus, everything on one core\n", bus_table(results, True),
-        "### On the bus, on all cores\n", bus_table(results, False),
-        "### Start\n", start_table(results),
-        "### Backup, restore and a slow disk\n", maintenance_table(results),
-        "### Growth\n", growth_table(results),
-        "### Hostile requests\n", hostile_table(results),
-        "### In process\n", process_table(results)])
+    return "\n".join(
+        [
+            f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; load average before the run "
+            f"{machine['load_before']:.1f}. Medians; the spread of all rounds is (largest - smallest) / median.\n",
+            "### Targets\n",
+            target_table(results),
+            "### On the bus, everything on one core\n",
+            bus_table(results, True),
+            "### On the bus, on all cores\n",
+            bus_table(results, False),
+            "### Start\n",
+            start_table(results),
+            "### Backup, restore and a slow disk\n",
+            maintenance_table(results),
+            "### Growth\n",
+            growth_table(results),
+            "### Hostile requests\n",
+            hostile_table(results),
+            "### In process\n",
+            process_table(results),
+        ]
+    )
 
 
 def parts_of(results, method):
@@ -206,12 +272,14 @@ def parts_of(results, method):
     bus_client = results.bus(IPC, method + " 1x1", "service_cpu_us").median
     # Not what the client waits for: with notifications and the disk the core is busy beyond the reply.
     period = 1e6 / results.bus(DAEMON, method + " 1x1", "per_second").median
-    return [("broker", broker, "#8da0cb"),
-            ("daemon: JSON", json_us, "#fc8d62"),
-            ("daemon: the request", max(in_process - json_us, 0), "#e5533c"),
-            ("daemon: bus client", bus_client, "#ffd92f"),
-            ("daemon: log, workers, disk", max(service - in_process - bus_client, 0), "#a6d854"),
-            ("client, waiting", max(period - broker - service, 0), "#cccccc")]
+    return [
+        ("broker", broker, "#8da0cb"),
+        ("daemon: JSON", json_us, "#fc8d62"),
+        ("daemon: the request", max(in_process - json_us, 0), "#e5533c"),
+        ("daemon: bus client", bus_client, "#ffd92f"),
+        ("daemon: log, workers, disk", max(service - in_process - bus_client, 0), "#a6d854"),
+        ("client, waiting", max(period - broker - service, 0), "#cccccc"),
+    ]
 
 
 def picture(results):
@@ -226,18 +294,24 @@ def picture(results):
         x = left
         for name, duration, colour in parts:
             share = width * duration / total
-            lines.append(f'<rect x="{x:.1f}" y="{y}" width="{share:.1f}" height="{height}" fill="{colour}">'
-                         f"<title>{name}: {duration:.1f} µs</title></rect>")
+            lines.append(
+                f'<rect x="{x:.1f}" y="{y}" width="{share:.1f}" height="{height}" fill="{colour}">'
+                f"<title>{name}: {duration:.1f} µs</title></rect>"
+            )
             x += share
         lines.append(f'<text x="{left + width + 8}" y="{y + 19}">{total:.0f} µs</text>')
         y += height + 6
         for name, duration, colour in parts:
-            lines.append(f'<rect x="{left}" y="{y}" width="12" height="12" fill="{colour}"/>'
-                         f'<text x="{left + 20}" y="{y + 11}">{name}: {duration:.1f} µs</text>')
+            lines.append(
+                f'<rect x="{left}" y="{y}" width="12" height="12" fill="{colour}"/>'
+                f'<text x="{left + 20}" y="{y + 11}">{name}: {duration:.1f} µs</text>'
+            )
             y += 18
         y += 14
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 80}" height="{y}" '
-            f'font-family="sans-serif" font-size="13">\n' + "\n".join(lines) + "\n</svg>\n")
+    return (
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{left + width + 80}" height="{y}" '
+        f'font-family="sans-serif" font-size="13">\n' + "\n".join(lines) + "\n</svg>\n"
+    )
 
 
 def record(text, image, document):
@@ -253,10 +327,23 @@ def main():
     results = Results(json.loads((output / "results.json").read_text()))
     text = report(results)
     (output / "report.md").write_text(text)
-    (output / "report.json").write_text(json.dumps(
-        [{"what": what, "median": figure.median, "spread": figure.spread, "relation": relation, "limit": limit,
-          "met": None if results.quick else holds(figure, relation, limit)}
-         for what, figure, relation, limit in targets(results)], indent=1) + "\n")
+    (output / "report.json").write_text(
+        json.dumps(
+            [
+                {
+                    "what": what,
+                    "median": figure.median,
+                    "spread": figure.spread,
+                    "relation": relation,
+                    "limit": limit,
+                    "met": None if results.quick else holds(figure, relation, limit),
+                }
+                for what, figure, relation, limit in targets(results)
+            ],
+            indent=1,
+        )
+        + "\n"
+    )
     (output / "requests.svg").write_text(picture(results))
     if len(sys.argv) > 2:
         record(text, output / "requests.svg", pathlib.Path(sys.argv[2]))

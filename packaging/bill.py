@@ -23,8 +23,16 @@ import urllib.parse
 
 # The names that Debian and SPDX give them.
 SPDX_NAMES = {
-    "Apache-2.0": "Apache-2.0", "BSD-2-clause": "BSD-2-Clause", "BSD-3-clause": "BSD-3-Clause", "BSL-1.0": "BSL-1.0",
-    "CC0-1.0": "CC0-1.0", "EDL-1.0": "BSD-3-Clause", "EPL-2.0": "EPL-2.0", "Expat": "MIT", "MIT": "MIT", "Zlib": "Zlib",
+    "Apache-2.0": "Apache-2.0",
+    "BSD-2-clause": "BSD-2-Clause",
+    "BSD-3-clause": "BSD-3-Clause",
+    "BSL-1.0": "BSL-1.0",
+    "CC0-1.0": "CC0-1.0",
+    "EDL-1.0": "BSD-3-Clause",
+    "EPL-2.0": "EPL-2.0",
+    "Expat": "MIT",
+    "MIT": "MIT",
+    "Zlib": "Zlib",
 }
 GNU_NAME = re.compile(r"((?:L|A)?GPL|GFDL)-(\d(?:\.\d)?)(\+?)")
 
@@ -57,12 +65,18 @@ class Licences:
         """The licence of a source package, and a remark on parts of it that have another."""
         text = copyright_file.read_text(errors="replace")
         stanzas = list(paragraphs(text))
-        whole = next((stanza for stanza in stanzas if stanza.get("Files", "").split() == ["*"] and stanza.get("License")),
-                     None)
+        whole = next(
+            (stanza for stanza in stanzas if stanza.get("Files", "").split() == ["*"] and stanza.get("License")), None
+        )
         if whole is None:
             return self.own(source, "", text), None
-        others = sorted({f'{first_line(stanza["License"])} ({" ".join(stanza["Files"].split())})' for stanza in stanzas
-                         if "License" in stanza and "Files" in stanza and stanza is not whole})
+        others = sorted(
+            {
+                f'{first_line(stanza["License"])} ({" ".join(stanza["Files"].split())})'
+                for stanza in stanzas
+                if "License" in stanza and "Files" in stanza and stanza is not whole
+            }
+        )
         texts = {first_line(stanza["License"]): stanza["License"] for stanza in stanzas if "License" in stanza}
         expression = self.expression(source, first_line(whole["License"]), texts)
         return expression, "Parts of the sources, by Debian's copyright file: " + "; ".join(others) if others else None
@@ -107,24 +121,41 @@ class Debian:
         """The packages that hold files of these names, of the architecture built for where there are several."""
         if not patterns:
             return set()
-        found = subprocess.run(["dpkg-query", "--search", *sorted(patterns)], stdout=subprocess.PIPE,
-                               stderr=subprocess.DEVNULL, text=True).stdout
-        packages = {name.strip() for line in found.splitlines() if not line.startswith("diversion by")
-                    for name in line.split(": ")[0].split(",")}
+        found = subprocess.run(
+            ["dpkg-query", "--search", *sorted(patterns)], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True
+        ).stdout
+        packages = {
+            name.strip()
+            for line in found.splitlines()
+            if not line.startswith("diversion by")
+            for name in line.split(": ")[0].split(",")
+        }
         return {package for package in packages if package.split(":")[-1] in (self.architecture, package)}
 
     def element(self, package, licences):
         form = "${Package}\n${Version}\n${Architecture}\n${source:Package}\n${source:Version}\n${Homepage}"
-        name, version, architecture, source, source_version, *homepage = lines("dpkg-query", "--show", "-f", form, package)
+        name, version, architecture, source, source_version, *homepage = lines(
+            "dpkg-query", "--show", "-f", form, package
+        )
         expression, remark = licences.of(source, pathlib.Path(f"/usr/share/doc/{name}/copyright"))
-        url = (f"pkg:deb/debian/{urllib.parse.quote(name)}@{urllib.parse.quote(version, safe='')}"
-               f"?arch={architecture}&distro={self.release}")
+        url = (
+            f"pkg:deb/debian/{urllib.parse.quote(name)}@{urllib.parse.quote(version, safe='')}"
+            f"?arch={architecture}&distro={self.release}"
+        )
         element = {
-            "SPDXID": identifier("Package", name), "name": name, "versionInfo": version,
-            "supplier": "Organization: Debian", "downloadLocation": "NOASSERTION", "filesAnalyzed": False,
+            "SPDXID": identifier("Package", name),
+            "name": name,
+            "versionInfo": version,
+            "supplier": "Organization: Debian",
+            "downloadLocation": "NOASSERTION",
+            "filesAnalyzed": False,
             "sourceInfo": f"built from the source package {source} {source_version}",
-            "licenseConcluded": "NOASSERTION", "licenseDeclared": expression, "copyrightText": "NOASSERTION",
-            "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator": url}],
+            "licenseConcluded": "NOASSERTION",
+            "licenseDeclared": expression,
+            "copyrightText": "NOASSERTION",
+            "externalRefs": [
+                {"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator": url}
+            ],
         }
         if homepage and homepage[0]:
             element["homepage"] = homepage[0]
@@ -141,18 +172,31 @@ class Build:
         self.outputs = {line.split(": ")[0] for line in self.ninja("targets", "all")}
 
     def ninja(self, tool, *arguments):
-        return [line for line in lines("ninja", "-C", self.directory, "-t", tool, *arguments)
-                if not line.startswith("ninja: ")]
+        return [
+            line
+            for line in lines("ninja", "-C", self.directory, "-t", tool, *arguments)
+            if not line.startswith("ninja: ")
+        ]
 
     def inputs(self, name):
         """Static libraries and headers from elsewhere that are in the output with this file name."""
-        target = next((output for output in self.outputs if output.rsplit("/", 1)[-1] == name and "/CMakeFiles/" not in
-                       f"/{output}" and "_object_order_" not in output), None)
+        target = next(
+            (
+                output
+                for output in self.outputs
+                if output.rsplit("/", 1)[-1] == name
+                and "/CMakeFiles/" not in f"/{output}"
+                and "_object_order_" not in output
+            ),
+            None,
+        )
         if target is None:
             return set(), set()
         inputs = self.ninja("inputs", target)
         objects = [path for path in inputs if path.endswith(".o")]
-        headers = {os.path.realpath(line.strip()) for line in self.ninja("deps", *objects) if line.startswith("    /usr/")}
+        headers = {
+            os.path.realpath(line.strip()) for line in self.ninja("deps", *objects) if line.startswith("    /usr/")
+        }
         return {path for path in inputs if path.startswith("/usr/") and path.endswith(".a")}, headers
 
 
@@ -168,8 +212,10 @@ def needed_libraries(content):
 
 
 def describe(package, build, created):
-    name, version, architecture, homepage = (run("dpkg-deb", "--field", package, field).decode().strip()
-                                             for field in ("Package", "Version", "Architecture", "Homepage"))
+    name, version, architecture, homepage = (
+        run("dpkg-deb", "--field", package, field).decode().strip()
+        for field in ("Package", "Version", "Architecture", "Homepage")
+    )
     debian = Debian(lines("dpkg", "--print-architecture")[0] if architecture == "all" else architecture)
     licences = Licences()
     uses = collections.defaultdict(set)
@@ -178,47 +224,82 @@ def describe(package, build, created):
     with tarfile.open(fileobj=io.BytesIO(run("dpkg-deb", "--fsys-tarfile", package))) as archive:
         for member in sorted((member for member in archive if member.isfile()), key=lambda member: member.name):
             content = archive.extractfile(member).read()
-            file = identifier("File", member.name.removeprefix("./"), hashlib.sha1(member.name.encode()).hexdigest()[:8])
-            files.append({"SPDXID": file, "fileName": member.name, "copyrightText": "NOASSERTION",
-                          "licenseConcluded": "NOASSERTION", "licenseInfoInFiles": ["NOASSERTION"],
-                          "checksums": [{"algorithm": "SHA1", "checksumValue": hashlib.sha1(content).hexdigest()},
-                                        {"algorithm": "SHA256", "checksumValue": hashlib.sha256(content).hexdigest()}]})
+            file = identifier(
+                "File", member.name.removeprefix("./"), hashlib.sha1(member.name.encode()).hexdigest()[:8]
+            )
+            files.append(
+                {
+                    "SPDXID": file,
+                    "fileName": member.name,
+                    "copyrightText": "NOASSERTION",
+                    "licenseConcluded": "NOASSERTION",
+                    "licenseInfoInFiles": ["NOASSERTION"],
+                    "checksums": [
+                        {"algorithm": "SHA1", "checksumValue": hashlib.sha1(content).hexdigest()},
+                        {"algorithm": "SHA256", "checksumValue": hashlib.sha256(content).hexdigest()},
+                    ],
+                }
+            )
             if not content.startswith((b"\x7fELF", b"!<arch>\n")):
                 continue
             archives, headers = build.inputs(os.path.basename(member.name))
-            for kind, patterns in (("DYNAMIC_LINK", {f"*{debian.libraries}/{library}" for library in needed_libraries(content)}),
-                                   ("STATIC_LINK", archives), ("BUILD_DEPENDENCY_OF", headers)):
+            for kind, patterns in (
+                ("DYNAMIC_LINK", {f"*{debian.libraries}/{library}" for library in needed_libraries(content)}),
+                ("STATIC_LINK", archives),
+                ("BUILD_DEPENDENCY_OF", headers),
+            ):
                 for owner in debian.owners(patterns):
                     uses[owner].add((kind, file))
 
     sums = "".join(sorted(file["checksums"][0]["checksumValue"] for file in files))
     expression, remark = licences.of("PropertyService", copyright_file)
     own = {
-        "SPDXID": identifier("Package", name), "name": name, "versionInfo": version,
-        "supplier": "Organization: PropertyService maintainers", "downloadLocation": "NOASSERTION", "filesAnalyzed": True,
+        "SPDXID": identifier("Package", name),
+        "name": name,
+        "versionInfo": version,
+        "supplier": "Organization: PropertyService maintainers",
+        "downloadLocation": "NOASSERTION",
+        "filesAnalyzed": True,
         "packageFileName": package.name,
         "packageVerificationCode": {"packageVerificationCodeValue": hashlib.sha1(sums.encode()).hexdigest()},
         "checksums": [{"algorithm": "SHA256", "checksumValue": hashlib.sha256(package.read_bytes()).hexdigest()}],
-        "licenseConcluded": "NOASSERTION", "licenseDeclared": expression, "licenseInfoFromFiles": ["NOASSERTION"],
-        "copyrightText": next(stanza["Copyright"] for stanza in paragraphs(copyright_file.read_text())
-                              if "Copyright" in stanza),
+        "licenseConcluded": "NOASSERTION",
+        "licenseDeclared": expression,
+        "licenseInfoFromFiles": ["NOASSERTION"],
+        "copyrightText": next(
+            stanza["Copyright"] for stanza in paragraphs(copyright_file.read_text()) if "Copyright" in stanza
+        ),
     }
     elements = {owner: debian.element(owner, licences) for owner in sorted(uses)}
     relationships = [("SPDXRef-DOCUMENT", "DESCRIBES", own["SPDXID"])]
     relationships += [(own["SPDXID"], "CONTAINS", file["SPDXID"]) for file in files]
     for owner, element in elements.items():
-        relationships += [(element["SPDXID"], kind, file) if kind == "BUILD_DEPENDENCY_OF" else
-                          (file, kind, element["SPDXID"]) for kind, file in sorted(uses[owner])]
+        relationships += [
+            (element["SPDXID"], kind, file) if kind == "BUILD_DEPENDENCY_OF" else (file, kind, element["SPDXID"])
+            for kind, file in sorted(uses[owner])
+        ]
     return {
-        "spdxVersion": "SPDX-2.3", "dataLicense": "CC0-1.0", "SPDXID": "SPDXRef-DOCUMENT", "name": package.stem,
-        "documentNamespace": f"https://propertyservice.invalid/spdx/{package.stem}-{own['checksums'][0]['checksumValue']}",
-        "creationInfo": {"created": created, "creators": ["Tool: PropertyService-packaging/bill.py",
-                                                          "Organization: PropertyService maintainers"]},
-        "packages": [own, *elements.values()], "files": files,
-        "hasExtractedLicensingInfos": [{"licenseId": reference, "extractedText": text}
-                                       for reference, text in sorted(licences.texts.items())],
-        "relationships": [{"spdxElementId": element, "relationshipType": kind, "relatedSpdxElement": related}
-                          for element, kind, related in relationships],
+        "spdxVersion": "SPDX-2.3",
+        "dataLicense": "CC0-1.0",
+        "SPDXID": "SPDXRef-DOCUMENT",
+        "name": package.stem,
+        "documentNamespace": "https://propertyservice.invalid/spdx/"
+        + package.stem
+        + "-"
+        + own["checksums"][0]["checksumValue"],
+        "creationInfo": {
+            "created": created,
+            "creators": ["Tool: PropertyService-packaging/bill.py", "Organization: PropertyService maintainers"],
+        },
+        "packages": [own, *elements.values()],
+        "files": files,
+        "hasExtractedLicensingInfos": [
+            {"licenseId": reference, "extractedText": text} for reference, text in sorted(licences.texts.items())
+        ],
+        "relationships": [
+            {"spdxElementId": element, "relationshipType": kind, "relatedSpdxElement": related}
+            for element, kind, related in relationships
+        ],
     }
 
 

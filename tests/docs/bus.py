@@ -15,10 +15,13 @@ _LAST_KEY = "State.Documents.Last"
 
 class Bus:
     def __init__(self, device):
-        self._listener = start(["mosquitto_sub", "-i", "listener", "-q", "1", "-F", "%t %p", "-t", _REPLIES,
-                                "-t", "+/any"], stdout=subprocess.PIPE)
-        self._speaker = start(["mosquitto_pub", "-i", "speaker", "-q", "1", "-t", _REQUESTS, "-l"],
-                              stdin=subprocess.PIPE, text=True)
+        self._listener = start(
+            ["mosquitto_sub", "-i", "listener", "-q", "1", "-F", "%t %p", "-t", _REPLIES, "-t", "+/any"],
+            stdout=subprocess.PIPE,
+        )
+        self._speaker = start(
+            ["mosquitto_pub", "-i", "speaker", "-q", "1", "-t", _REQUESTS, "-l"], stdin=subprocess.PIPE, text=True
+        )
         self._last = 0
         if not eventually(lambda: "Sending SUBACK to listener" in device.broker_log()):
             raise TimeoutError("the broker does not accept the subscriptions")

@@ -91,8 +91,12 @@ class Checker:
                 request, *answers = pending
                 replies, notifications = self._bus.ask(request[1])
                 self._compare(block, "reply to " + request[1], [text for mark, text in answers if mark == "<"], replies)
-                self._compare(block, "notifications after " + request[1],
-                              [text for mark, text in answers if mark == "*"], notifications)
+                self._compare(
+                    block,
+                    "notifications after " + request[1],
+                    [text for mark, text in answers if mark == "*"],
+                    notifications,
+                )
                 pending = []
             pending.append((mark, text))
 

@@ -23,9 +23,20 @@ class Check(unittest.TestCase):
         with tempfile.NamedTemporaryFile("w", suffix=".md") as document:
             document.write(text)
             document.flush()
-            result = subprocess.run([ROOT / "script/sandbox", "--private-network", "--", "/usr/bin/python3",
-                                     ROOT / "tests/docs/check_document.py", BUILD_DIRECTORY, document.name],
-                                    check=False, capture_output=True, text=True)
+            result = subprocess.run(
+                [
+                    ROOT / "script/sandbox",
+                    "--private-network",
+                    "--",
+                    "/usr/bin/python3",
+                    ROOT / "tests/docs/check_document.py",
+                    BUILD_DIRECTORY,
+                    document.name,
+                ],
+                check=False,
+                capture_output=True,
+                text=True,
+            )
         failures = int(re.search(r"(\d+) failures", result.stdout)[1])
         self.assertEqual(result.returncode, 1 if failures else 0)
         return failures
@@ -85,7 +96,6 @@ class Comparison(unittest.TestCase):
     def test_takes_any_lines_for_an_ellipsis_alone(self):
         self.assertTrue(agrees(["a", "…", "d"], ["a", "b", "c", "d"]))
         self.assertFalse(agrees(["a", "…", "d"], ["a", "b", "c"]))
-
 
     def test_takes_any_time(self):
         self.assertTrue(agrees(["2026-11-21T08:15:30.123 a"], ["2027-01-02T03:04:05.678 a"]))

@@ -46,7 +46,10 @@ class Device:
         self.home = pathlib.Path(tempfile.mkdtemp(prefix="docs-"))
         self.checkout = self._make_checkout(build_directory)
         self.environment = {
-            "HOME": str(self.home), "TERM": "xterm", "TZ": "UTC", "LC_ALL": "C.UTF-8",
+            "HOME": str(self.home),
+            "TERM": "xterm",
+            "TZ": "UTC",
+            "LC_ALL": "C.UTF-8",
             "PATH": f"{build_directory}:{ROOT}/tests/docs/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
             "SERVICES": str(self.home / "services"),
         }

@@ -14,14 +14,17 @@ HEADING = "## A session"
 COLUMN, LINE, MARGIN, TITLE = 8.43, 20, 20, 34  # of a monospaced font of 14 px
 SECONDS_BETWEEN_COMMANDS = 1.2
 
-STYLE = """
+STYLE = (
+    """
     text { font: 14px ui-monospace, "DejaVu Sans Mono", Menlo, Consolas, monospace; fill: #c9d1d9; white-space: pre }
     .prompt { fill: #7ee787 } .command { fill: #ffffff; font-weight: 600 } .error { fill: #ffa198 }
     @media (prefers-reduced-motion: no-preference) {
       g { animation: appear 0.2s both; animation-delay: calc(var(--step) * %gs) }
       @keyframes appear { from { opacity: 0 } }
     }
-""" % SECONDS_BETWEEN_COMMANDS
+"""
+    % SECONDS_BETWEEN_COMMANDS
+)
 
 
 def session():
@@ -48,12 +51,16 @@ def draw(entries):
         groups.append(f'  <g style="--step: {step}">\n{"".join(texts)}  </g>\n')
     width = round(width * COLUMN) + 2 * MARGIN
     height += MARGIN + LINE // 2
-    buttons = "".join(f'  <circle cx="{MARGIN + 18 * i}" cy="18" r="6" fill="{colour}"/>\n'
-                      for i, colour in enumerate(("#ff5f56", "#ffbd2e", "#27c93f")))
-    return (f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
-            f'viewBox="0 0 {width} {height}" role="img" aria-label="A session with propctl; README.md has its text">\n'
-            f'  <style>{STYLE}  </style>\n'
-            f'  <rect width="{width}" height="{height}" rx="8" fill="#0d1117"/>\n{buttons}{"".join(groups)}</svg>\n')
+    buttons = "".join(
+        f'  <circle cx="{MARGIN + 18 * i}" cy="18" r="6" fill="{colour}"/>\n'
+        for i, colour in enumerate(("#ff5f56", "#ffbd2e", "#27c93f"))
+    )
+    return (
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
+        f'viewBox="0 0 {width} {height}" role="img" aria-label="A session with propctl; README.md has its text">\n'
+        f"  <style>{STYLE}  </style>\n"
+        f'  <rect width="{width}" height="{height}" rx="8" fill="#0d1117"/>\n{buttons}{"".join(groups)}</svg>\n'
+    )
 
 
 if __name__ == "__main__":

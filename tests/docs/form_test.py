@@ -27,8 +27,9 @@ NOT_RUN = {
 # What tests/fleet/ takes from a document and runs.
 RUN_IN_A_FLEET = r"(openssl|sed|propctl|mosquitto_rr|mosquitto_pub) .*\$(centre|serial|controller)|openssl .*-ca\.key"
 
-PROGRAMS = ("script/[a-z]|propctl|PropertyService|mosquitto|systemctl|journalctl|sqlite3|cmake -|ninja -|ctest -|apt|"
-            "man ")
+PROGRAMS = (
+    "script/[a-z]|propctl|PropertyService|mosquitto|systemctl|journalctl|sqlite3|cmake -|ninja -|ctest -|apt|" "man "
+)
 
 
 def each(condition=lambda path: True):

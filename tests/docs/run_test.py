@@ -23,13 +23,14 @@ DEVICE = ROOT / "build/device"
 
 
 def isolate():
-    for command in (["ip", "link", "set", "lo", "up"],
-                    ["mount", "-t", "tmpfs", "tree", "/mnt"],
-                    ["mkdir", "/mnt/upper", "/mnt/work"],
-                    ["mount", "-t", "overlay", "-o", f"lowerdir={ROOT},upperdir=/mnt/upper,workdir=/mnt/work", "tree",
-                     ROOT],
-                    ["mkdir", "-p", DEVICE],
-                    ["mount", "-t", "tmpfs", "device", DEVICE]):
+    for command in (
+        ["ip", "link", "set", "lo", "up"],
+        ["mount", "-t", "tmpfs", "tree", "/mnt"],
+        ["mkdir", "/mnt/upper", "/mnt/work"],
+        ["mount", "-t", "overlay", "-o", f"lowerdir={ROOT},upperdir=/mnt/upper,workdir=/mnt/work", "tree", ROOT],
+        ["mkdir", "-p", DEVICE],
+        ["mount", "-t", "tmpfs", "device", DEVICE],
+    ):
         subprocess.run(command, check=True)
     os.chdir(ROOT)
 
@@ -54,8 +55,10 @@ class Run(unittest.TestCase):
     def test_answers_as_it_says(self):
         commands = re.findall(r"(?m)^    (mosquitto_rr .*|script/run .*)$", self.said)
 
-        answers = [subprocess.run(command, shell=True, check=True, capture_output=True, text=True, timeout=60).stdout
-                   for command in commands]
+        answers = [
+            subprocess.run(command, shell=True, check=True, capture_output=True, text=True, timeout=60).stdout
+            for command in commands
+        ]
 
         self.assertEqual(answers[0], '{"param":"Audio.Volume","result":"5","status":"Ok"}\n\n')
         self.assertEqual(answers[1], '{"param":"Audio.Volume","status":"Ok"}\n\n')

@@ -22,8 +22,15 @@ class Terminal:
     def __init__(self, device):
         self._device = device
         self._screen, process_side = _open_terminal()
-        self._shell = start(["bash", "--noprofile", "--norc"], env=device.environment, cwd=device.checkout,
-                            stdin=subprocess.PIPE, stdout=process_side, stderr=process_side, text=True)
+        self._shell = start(
+            ["bash", "--noprofile", "--norc"],
+            env=device.environment,
+            cwd=device.checkout,
+            stdin=subprocess.PIPE,
+            stdout=process_side,
+            stderr=process_side,
+            text=True,
+        )
         os.close(process_side)
         self._status = 0
 
@@ -38,7 +45,7 @@ class Terminal:
                 raise TimeoutError(f"{command}: does not end; so far: {seen}")
             seen += os.read(self._screen, 65536).decode()
         self._status = int(end[1])
-        return shown(seen[:end.start()]), self._status
+        return shown(seen[: end.start()]), self._status
 
     def follow(self, command):
         """Starts a command that goes on until Ctrl-C. Returns once it hears what is announced."""
@@ -56,12 +63,18 @@ class Follower:
     def __init__(self, device, command):
         earlier = device.broker_log()
         self._screen, process_side = _open_terminal()
-        self._process = start(["bash", "--noprofile", "--norc", "-c", f"exec {command}"], env=device.environment,
-                              cwd=device.checkout, stdin=subprocess.DEVNULL, stdout=process_side, stderr=process_side)
+        self._process = start(
+            ["bash", "--noprofile", "--norc", "-c", f"exec {command}"],
+            env=device.environment,
+            cwd=device.checkout,
+            stdin=subprocess.DEVNULL,
+            stdout=process_side,
+            stderr=process_side,
+        )
         os.close(process_side)
         self._seen = ""
         reads = command.startswith("propctl")  # to know what was before
-        if not eventually(lambda: _listens(device.broker_log()[len(earlier):], reads)):
+        if not eventually(lambda: _listens(device.broker_log()[len(earlier) :], reads)):
             raise TimeoutError(f"{command}: does not subscribe; so far: {self._read()}")
 
     def end(self, lines):
@@ -115,7 +128,7 @@ def shown(text):
             elif part == "\x1b[K":
                 del cells[column:]
             elif len(part) == 1:
-                cells[column:column + 1] = part
+                cells[column : column + 1] = part
                 column += 1
         lines.append("".join(cells).rstrip())
     while lines and not lines[-1]:

@@ -1,6 +1,5 @@
 #!/usr/bin/python3
-"""What "cmake --install" does below a prefix of its own: as an ordinary user, with nothing built that script/run does not
-build.
+"""Installs below a prefix of its own with "cmake --install", as an ordinary user who has built what script/run builds.
 
 In a mount namespace of its own, in which the build tree is that user's. Argument: the build tree.
 """
@@ -16,8 +15,16 @@ import unittest
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
 NOBODY = 65534
 # Reads what the tree's owner may, wherever the tree is, and writes what everybody may.
-AS_NOBODY = ["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups", "--inh-caps=-all,+dac_read_search",
-             "--ambient-caps=+dac_read_search", "--bounding-set=-all,+dac_read_search", "--"]
+AS_NOBODY = [
+    "setpriv",
+    f"--reuid={NOBODY}",
+    f"--regid={NOBODY}",
+    "--clear-groups",
+    "--inh-caps=-all,+dac_read_search",
+    "--ambient-caps=+dac_read_search",
+    "--bounding-set=-all,+dac_read_search",
+    "--",
+]
 
 
 def run(*command, **options):
@@ -60,9 +67,17 @@ class Installation(unittest.TestCase):
         install(self.prefix)
 
         self.assertLessEqual(
-            {"bin/PropertyService", "bin/propctl", "include/propclient/Client.h", "share/man/man1/propctl.1",
-             "share/man/man8/PropertyService.8", "etc/mosquitto/conf.d/propsrv.conf",
-             "share/bash-completion/completions/propctl"}, files(self.prefix))
+            {
+                "bin/PropertyService",
+                "bin/propctl",
+                "include/propclient/Client.h",
+                "share/man/man1/propctl.1",
+                "share/man/man8/PropertyService.8",
+                "etc/mosquitto/conf.d/propsrv.conf",
+                "share/bash-completion/completions/propctl",
+            },
+            files(self.prefix),
+        )
         self.assertTrue(list(self.prefix.glob("lib/**/libpropclient.a")))
         for program in ("PropertyService", "propctl"):
             self.assertRegex(run(self.prefix / "bin" / program, "--version"), rf"^{program} \d+\.\d+\.\d+\n$")
@@ -106,8 +121,9 @@ class InstallationForTheSystem(unittest.TestCase):
         with tempfile.TemporaryDirectory() as build:
             run("cmake", "--preset", "package", "-B", build, cwd=SOURCES)
 
-            outcome = subprocess.run(["cmake", "--install", build, "--prefix", f"{build}/telephone"],
-                                     capture_output=True, text=True)
+            outcome = subprocess.run(
+                ["cmake", "--install", build, "--prefix", f"{build}/telephone"], capture_output=True, text=True
+            )
 
             self.assertNotEqual(outcome.returncode, 0)
             self.assertIn("This build is for the prefix /usr", outcome.stderr)

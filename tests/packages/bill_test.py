@@ -34,8 +34,12 @@ def bills():
 def related(bill, kind):
     """The names of the packages that files of the package are related to so."""
     names = {package["SPDXID"]: package["name"] for package in bill["packages"]}
-    return {names.get(end) for relationship in bill["relationships"] if relationship["relationshipType"] == kind
-            for end in (relationship["spdxElementId"], relationship["relatedSpdxElement"])} - {None}
+    return {
+        names.get(end)
+        for relationship in bill["relationships"]
+        if relationship["relationshipType"] == kind
+        for end in (relationship["spdxElementId"], relationship["relatedSpdxElement"])
+    } - {None}
 
 
 class Bills(unittest.TestCase):
@@ -50,8 +54,11 @@ class Bills(unittest.TestCase):
             with self.subTest(package.name):
                 elements = [bill["SPDXID"], *(element["SPDXID"] for element in bill["packages"] + bill["files"])]
                 self.assertEqual(len(elements), len(set(elements)))
-                ends = {end for relationship in bill["relationships"]
-                        for end in (relationship["spdxElementId"], relationship["relatedSpdxElement"])}
+                ends = {
+                    end
+                    for relationship in bill["relationships"]
+                    for end in (relationship["spdxElementId"], relationship["relatedSpdxElement"])
+                }
                 self.assertEqual(ends, set(elements))
 
     def test_name_licences_that_are_known_or_quoted(self):
@@ -70,7 +77,9 @@ class Bills(unittest.TestCase):
         for package, bill in bills():
             with self.subTest(package.name):
                 with tarfile.open(fileobj=io.BytesIO(output("dpkg-deb", "--fsys-tarfile", package))) as archive:
-                    contents = {member.name: archive.extractfile(member).read() for member in archive if member.isfile()}
+                    contents = {
+                        member.name: archive.extractfile(member).read() for member in archive if member.isfile()
+                    }
                 self.assertEqual(sorted(file["fileName"] for file in bill["files"]), sorted(contents))
                 for file in bill["files"]:
                     for checksum in file["checksums"]:
@@ -81,17 +90,24 @@ class Bills(unittest.TestCase):
         for package, bill in bills():
             with self.subTest(package.name):
                 own = bill["packages"][0]
-                self.assertEqual([own["name"], own["versionInfo"]],
-                                 [output("dpkg-deb", "--field", package, field).decode().strip()
-                                  for field in ("Package", "Version")])
+                self.assertEqual(
+                    [own["name"], own["versionInfo"]],
+                    [
+                        output("dpkg-deb", "--field", package, field).decode().strip()
+                        for field in ("Package", "Version")
+                    ],
+                )
                 self.assertEqual(own["checksums"][0]["checksumValue"], hashlib.sha256(package.read_bytes()).hexdigest())
 
     def test_name_every_library_that_the_package_depends_on(self):
         for package, bill in bills():
             with self.subTest(package.name):
                 depends = output("dpkg-deb", "--field", package, "Depends").decode()
-                libraries = {name for name in re.findall(r"(?:^|, )([a-z0-9.+-]+)", depends)
-                             if name.startswith("lib") and not name.endswith("-dev")}
+                libraries = {
+                    name
+                    for name in re.findall(r"(?:^|, )([a-z0-9.+-]+)", depends)
+                    if name.startswith("lib") and not name.endswith("-dev")
+                }
                 linked = related(bill, "DYNAMIC_LINK")
                 provided = output("dpkg-query", "--show", "-f", "${Provides}, ", *linked).decode() if linked else ""
                 self.assertEqual(libraries - linked - set(re.findall(r"[a-z0-9.+-]+", provided)), set())
@@ -106,7 +122,9 @@ class Bills(unittest.TestCase):
         for package, bill in bills():
             for element in bill["packages"][1:]:
                 with self.subTest(package.name, element=element["name"]):
-                    installed = output("dpkg-query", "--show", "-f", "${Version}\n", element["name"]).decode().splitlines()
+                    installed = (
+                        output("dpkg-query", "--show", "-f", "${Version}\n", element["name"]).decode().splitlines()
+                    )
                     self.assertIn(element["versionInfo"], installed)
 
 

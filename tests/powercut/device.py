@@ -22,8 +22,7 @@ PATIENCE = 20  # seconds
 
 FOLDERS = {"sbin": "/usr/sbin", "config": "/config", "volatile": "/var/volatile"}
 DATABASE = pathlib.Path("/usr/sbin/nvm")
-FILES = {"user": "user_backup.csv", "version": "sys_backup.csv", "factory": "reset_backup.csv",
-         "dump": "sysdump.csv"}
+FILES = {"user": "user_backup.csv", "version": "sys_backup.csv", "factory": "reset_backup.csv", "dump": "sysdump.csv"}
 RECOVERY = "State.System.General.FirmwareUpdateParametersRecovery"
 
 # As in the script of the sample device.
@@ -32,10 +31,16 @@ _SCHEMA = re.search(r"CREATE TABLE[^;]*;\n", _SCRIPT.read_text())[0]
 
 # Filled by the daemon at every start, or of its own use.
 _SYSTEM = {
-    "NVM.Version": ("", 1), "System.Debug.LevelMask.PROP-SRV": ("6", 6), "NET.MAC.Address": ("", 5),
-    "System.General.Variant.Name": ("", 5), "System.General.Variant.MajorID": ("3", 5),
-    "System.General.Variant.MinorID": ("", 5), "System.General.ExperimentalFeatures": ("", 1),
-    "System.General.SoftwareVersion": ("", 5), "System.General.UserAgent": ("", 5), "WebUI.PhoneModel": ("", 1),
+    "NVM.Version": ("", 1),
+    "System.Debug.LevelMask.PROP-SRV": ("6", 6),
+    "NET.MAC.Address": ("", 5),
+    "System.General.Variant.Name": ("", 5),
+    "System.General.Variant.MajorID": ("3", 5),
+    "System.General.Variant.MinorID": ("", 5),
+    "System.General.ExperimentalFeatures": ("", 1),
+    "System.General.SoftwareVersion": ("", 5),
+    "System.General.UserAgent": ("", 5),
+    "WebUI.PhoneModel": ("", 1),
     "NET.General.DeviceNameInNetwork": ("Halcyon", 14),
 }
 
@@ -52,8 +57,9 @@ class Firmware:
         self.flags |= {f"Plain.{i}": 0 for i in range(6)}
         self.flags |= {f"Number.{i}": 8 for i in range(4)}
         self.flags |= {f"Moved.{version}": 2 | 8, f"Moved.{version - 1}": 2 | 8}
-        self.defaults = {key: "100000" if key.startswith("Number") else f"default of {key} in {version}."
-                         for key in self.flags}
+        self.defaults = {
+            key: "100000" if key.startswith("Number") else f"default of {key} in {version}." for key in self.flags
+        }
 
     def all_keys(self):
         return {*self.defaults, *_SYSTEM}
@@ -65,16 +71,24 @@ class Firmware:
         shutil.rmtree("/etc/nvm.conf.d", ignore_errors=True)
         pathlib.Path("/etc/model").write_text("Halcyon 5 ADV\n")
         pathlib.Path("/etc/version").write_text(f"1.{self.version}\n")
-        rows = [(key, str(self.version) if key == "NVM.Version" else value, flags, "NULL")
-                for key, (value, flags) in _SYSTEM.items()]
-        rows += [(key, self.defaults[key], flags, 100000 if key.startswith("Number") else "NULL")
-                 for key, flags in self.flags.items()]
-        inserts = [f"INSERT INTO settings (key, value, defaultvalues, flags, range_min) "
-                   f"VALUES ('{key}', '{value}', '{value}', {flags}, {least});\n" for key, value, flags, least in rows]
+        rows = [
+            (key, str(self.version) if key == "NVM.Version" else value, flags, "NULL")
+            for key, (value, flags) in _SYSTEM.items()
+        ]
+        rows += [
+            (key, self.defaults[key], flags, 100000 if key.startswith("Number") else "NULL")
+            for key, flags in self.flags.items()
+        ]
+        inserts = [
+            f"INSERT INTO settings (key, value, defaultvalues, flags, range_min) "
+            f"VALUES ('{key}', '{value}', '{value}', {flags}, {least});\n"
+            for key, value, flags, least in rows
+        ]
         (folder / "nvminit.sql").write_text("BEGIN;\n" + _SCHEMA + "".join(inserts) + "COMMIT;\n")
         for step in range(self.FIRST + 1, self.version + 1):
-            (folder / f"migration_{step}.json").write_text(json.dumps(
-                {"rename": [{"oldKey": f"Moved.{step - 1}", "newKey": f"Moved.{step}"}]}))
+            (folder / f"migration_{step}.json").write_text(
+                json.dumps({"rename": [{"oldKey": f"Moved.{step - 1}", "newKey": f"Moved.{step}"}]})
+            )
 
     def restores(self, content):
         """Key and value of what this firmware takes from a backup file."""
@@ -109,8 +123,9 @@ class Broker:
 
     def __init__(self, program, folder):
         configuration = folder / "mosquitto.conf"
-        configuration.write_text("listener 1883 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n"
-                                 "log_type error\n")
+        configuration.write_text(
+            "listener 1883 127.0.0.1\nallow_anonymous true\nset_tcp_nodelay true\nuser root\n" "log_type error\n"
+        )
         with open(folder / "mosquitto.log", "w") as log:
             self._process = start([program, "-c", configuration], stderr=log)
         eventually(self._listens)
@@ -183,8 +198,8 @@ class _Connection:
             return None
         if len(self._received) < begin + length:
             return None
-        kind, content = self._received[0], self._received[begin:begin + length]
-        self._received = self._received[begin + length:]
+        kind, content = self._received[0], self._received[begin : begin + length]
+        self._received = self._received[begin + length :]
         if kind & 0xF0 == 0x30:
             topic = 2 + struct.unpack_from(">H", content)[0]
             content = content[topic:]
@@ -225,8 +240,11 @@ class Daemon:
         self.send(method, **members)
         reply = self._client.receive(0x30, self._ended)
         if reply is None:
-            raise DaemonEnded("it does not answer" if self._process.poll() is None else
-                              f"it ended with status {self._process.returncode}")
+            raise DaemonEnded(
+                "it does not answer"
+                if self._process.poll() is None
+                else f"it ended with status {self._process.returncode}"
+            )
         return json.loads(reply)
 
     def send(self, method, **members):

@@ -37,6 +37,7 @@ def _mount(source, target, kind, flags=0, options=""):
 
 def _unmount(target):
     """A process that has been killed may take a moment to let go of its files."""
+
     def unmounted():
         if _libc.umount2(str(target).encode(), 0) == 0:
             return True
@@ -127,8 +128,7 @@ class RecordedDisk:
         self._log.touch()
         self.faults = Faults(folder / "faults")
         recorder = pathlib.Path(__file__).with_name("recorder.py")
-        self._recorder = start(["/usr/bin/python3", recorder, self._fuse, self._image, self._log,
-                                folder / "faults"])
+        self._recorder = start(["/usr/bin/python3", recorder, self._fuse, self._image, self._log, folder / "faults"])
         eventually((self._fuse / "disk").exists)
         self._mounted = Mount(*self._mount_arguments)
 
@@ -158,12 +158,12 @@ class RecordedDisk:
         self.faults.heal()
 
         record = Record(self._base, self.record())
-        (_, after), = record.images([Cut(len(record), subset)])
+        ((_, after),) = record.images([Cut(len(record), subset)])
         with open(self._log, "ab") as log, open(self._image, "r+b") as image:
             before = image.read()
             for place in range(0, SIZE, SECTOR):
-                sector = after[place:place + SECTOR]
-                if sector != before[place:place + SECTOR]:
+                sector = after[place : place + SECTOR]
+                if sector != before[place : place + SECTOR]:
                     log.write(HEADER.pack(WRITE, place, SECTOR) + sector)
                     os.pwrite(image.fileno(), sector, place)
             log.write(HEADER.pack(FLUSH, 0, 0))
@@ -204,11 +204,11 @@ class Record:
             position += HEADER.size
             self.kinds.append(kind)
             self.offsets.append(offset)
-            self.data.append(self._view[position:position + length])
+            self.data.append(self._view[position : position + length])
             position += length
             self.ends.append(position)
 
-        self._pieces = {place for place in range(0, SIZE, self._PIECE) if any(base[place:place + self._PIECE])}
+        self._pieces = {place for place in range(0, SIZE, self._PIECE) if any(base[place : place + self._PIECE])}
         for offset, data in zip(self.offsets, self.data):
             self._pieces |= set(range(offset - offset % self._PIECE, offset + len(data), self._PIECE))
 
@@ -220,7 +220,7 @@ class Record:
         with open(path, "wb") as file:
             file.truncate(SIZE)
             for place in self._pieces:
-                os.pwrite(file.fileno(), image[place:place + self._PIECE], place)
+                os.pwrite(file.fileno(), image[place : place + self._PIECE], place)
 
     def flushes(self):
         return self.kinds.count(FLUSH)
@@ -249,14 +249,16 @@ class Record:
 
     @contextlib.contextmanager
     def _undone(self, image, records):
-        before = [(self.offsets[i], bytes(image[self.offsets[i]:self.offsets[i] + len(self.data[i])])) for i in records]
+        before = [
+            (self.offsets[i], bytes(image[self.offsets[i] : self.offsets[i] + len(self.data[i])])) for i in records
+        ]
         yield
         for offset, data in reversed(before):
-            image[offset:offset + len(data)] = data
+            image[offset : offset + len(data)] = data
 
     def _apply(self, image, records):
         for i in records:
-            image[self.offsets[i]:self.offsets[i] + len(self.data[i])] = self.data[i]
+            image[self.offsets[i] : self.offsets[i] + len(self.data[i])] = self.data[i]
 
     def _apply_some(self, image, records, choose):
         """Of writes that no flush separates, any may have reached the disk, and any sector of one."""
@@ -266,13 +268,14 @@ class Record:
             step = SECTOR if tear else max(1, len(self.data[i]))
             for place in range(0, len(self.data[i]), step):
                 if choose.random() < share:
-                    piece = self.data[i][place:place + step]
-                    image[self.offsets[i] + place:self.offsets[i] + place + len(piece)] = piece
+                    piece = self.data[i][place : place + step]
+                    image[self.offsets[i] + place : self.offsets[i] + place + len(piece)] = piece
 
 
 class Cut(typing.NamedTuple):
     """The power fails after `count` records. All writes since the last flush are on the disk, or those that the seed
     `subset` draws."""
+
     count: int
     subset: int | None
 
@@ -287,7 +290,26 @@ def make_image(folders):
         for folder in folders:
             (skeleton / folder).mkdir(parents=True)
         image = pathlib.Path(place, "image")
-        subprocess.run(["mkfs.ext4", "-q", "-b", "4096", "-N", "256", "-m", "0", "-J", "size=4", "-E",
-                        "nodiscard,lazy_itable_init=0,lazy_journal_init=0,root_owner=0:0", "-d", skeleton, image,
-                        f"{SIZE >> 10}k"], check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                "mkfs.ext4",
+                "-q",
+                "-b",
+                "4096",
+                "-N",
+                "256",
+                "-m",
+                "0",
+                "-J",
+                "size=4",
+                "-E",
+                "nodiscard,lazy_itable_init=0,lazy_journal_init=0,root_owner=0:0",
+                "-d",
+                skeleton,
+                image,
+                f"{SIZE >> 10}k",
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
         return image.read_bytes()

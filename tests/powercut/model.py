@@ -64,8 +64,7 @@ class Expectation:
                 yield f"{FILES[kind]} holds {_excerpt(found)}, not " + " or ".join(map(_excerpt, contents))
 
     def problems_of_values(self, files, values):
-        """`files`: as they were before the daemon started, without a forced initialisation; `values`: what it serves.
-        """
+        """`files`: as they were before the daemon started, unless its start was forced; `values`: what it serves."""
         if missing := self.firmware.all_keys() ^ values.keys():
             yield f"not exactly the script's properties are served: {sorted(missing)[:5]}"
             return
@@ -80,8 +79,10 @@ class Expectation:
             if key in required:
                 right, why = {required[key]}, f"of {FILES[kind]}, which was restored"
             if values[key] not in right:
-                yield (f"{key} is {_excerpt(values[key])}, which is none of those {why}: "
-                       + ", ".join(map(_excerpt, sorted(right)[:4])))
+                yield (
+                    f"{key} is {_excerpt(values[key])}, which is none of those {why}: "
+                    + ", ".join(map(_excerpt, sorted(right)[:4]))
+                )
 
     def problems_of_state(self, kept, files, after, recovery, state):
         """`kept`: whether the volatile store lies on the disk; `recovery`, `state`: what the daemon serves."""
@@ -106,6 +107,7 @@ def _excerpt(thing):
 class Event:
     """Something that happened between two positions of the disk's record; `end` is infinite while it has not ended,
     or when its end is unknown."""
+
     begin: int = 0
     end: float = math.inf
 
@@ -116,6 +118,7 @@ class Event:
 @dataclasses.dataclass
 class Wrote(Event):
     """Values that were accepted; perhaps accepted, when it has not ended."""
+
     values: dict = None
 
     def apply(self, expected, complete):
@@ -160,6 +163,7 @@ class Exported(Event):
 @dataclasses.dataclass
 class Restored(Event):
     """A restore of the user's backup."""
+
     content: str = None
 
     def apply(self, expected, complete):
@@ -177,6 +181,7 @@ class RemovedDatabase(Event):
 @dataclasses.dataclass
 class InstalledFirmware(Event):
     """REQUIRES: there is no database file."""
+
     version: int = 0
 
     def apply(self, expected, complete):
@@ -188,6 +193,7 @@ class InstalledFirmware(Event):
 @dataclasses.dataclass
 class Booted(Event):
     """A start of the daemon; it ends when the daemon answers."""
+
     forced: bool = False
     drop_state: bool = False
     restores: tuple | None = None  # the kind and the content of a backup

@@ -32,6 +32,7 @@ _SECONDS_OF_A_LIFE = 20  # then the next begins, however many moments are left
 @dataclasses.dataclass
 class Life:
     """A recorded life, of which crash images are made."""
+
     seed: int
     options: str
     keeps_state: bool
@@ -60,12 +61,19 @@ def _folder(name):
 def live(seed, program, broker_program):
     """A new life, led until its end or until the daemon does what it must not."""
     choose = random.Random(f"configuration {seed}")
-    life = Life(seed, "errors=remount-ro,data=" + choose.choice(["ordered", "ordered", "ordered", "writeback"]),
-                choose.random() < 0.3, make_image(FOLDERS))
+    life = Life(
+        seed,
+        "errors=remount-ro,data=" + choose.choice(["ordered", "ordered", "ordered", "writeback"]),
+        choose.random() < 0.3,
+        make_image(FOLDERS),
+    )
     _forget_state()
     failure = None
-    with (_folder("life") as place, Broker(broker_program, place) as broker,
-          RecordedDisk(place, life.base, life.options, _places(life.keeps_state)) as disk):
+    with (
+        _folder("life") as place,
+        Broker(broker_program, place) as broker,
+        RecordedDisk(place, life.base, life.options, _places(life.keeps_state)) as disk,
+    ):
         workload = Workload(seed, disk, broker, program, place / "daemon.log")
         try:
             workload.run(_STEPS)
@@ -153,6 +161,7 @@ def _digest(folder):
 def _cuts(record, events, choose):
     """Every cut between two writes, and subsets of the writes in flight there, in an order of chance. At first, every
     other one lies at the end of an event or within it."""
+
     def with_subset(count):
         in_flight = count - record.last_flush(count)
         return [Cut(count, None)] + ([Cut(count, choose.getrandbits(32))] if in_flight > 1 else [])
@@ -170,8 +179,10 @@ def _cuts(record, events, choose):
 
 
 def _title(life, cut):
-    return (f"seed {life.seed}, {life.options}, volatile store {'on the disk' if life.keeps_state else 'in memory'}, "
-            + (f"power cut {cut}" if cut else "without a power cut"))
+    return (
+        f"seed {life.seed}, {life.options}, volatile store {'on the disk' if life.keeps_state else 'in memory'}, "
+        + (f"power cut {cut}" if cut else "without a power cut")
+    )
 
 
 def _report(results, life, problem, cut=None, image=None):
@@ -225,8 +236,9 @@ def main():
         cuts = _cuts(record, life.events, random.Random(f"cuts {seed}"))
         lives += 1
         moments += len(cuts)
-        print(f"seed {seed}: {len(life.events)} events, {len(record)} writes and flushes, {len(cuts)} moments",
-              flush=True)
+        print(
+            f"seed {seed}: {len(life.events)} events, {len(record)} writes and flushes, {len(cuts)} moments", flush=True
+        )
         if failure:
             _report(options.results, life, failure)
             failed = True
@@ -236,8 +248,10 @@ def main():
             failed = True
         if options.seed is not None:
             break
-    print(f"{lives} lives of {moments} moments, {judge.images} images, {judge.starts} of them with something new, "
-          + ("FAILED" if failed else "nothing wrong"))
+    print(
+        f"{lives} lives of {moments} moments, {judge.images} images, {judge.starts} of them with something new, "
+        + ("FAILED" if failed else "nothing wrong")
+    )
     return 1 if failed else 0
 
 

@@ -49,12 +49,12 @@ class _Recorder(llfuse.Operations):
 
     def read(self, _handle, offset, size):
         self._misbehave(self._faults.read)
-        return self._image[offset:offset + size]
+        return self._image[offset : offset + size]
 
     def write(self, _handle, offset, data):
         self._misbehave(self._faults.write)
         os.write(self._log, HEADER.pack(WRITE, offset, len(data)) + data)
-        self._image[offset:offset + len(data)] = data
+        self._image[offset : offset + len(data)] = data
         return len(data)
 
     def fsync(self, _handle, _only_data):

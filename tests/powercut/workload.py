@@ -9,12 +9,25 @@ import sqlite3
 import time
 
 from device import DATABASE, FILES, RECOVERY, Daemon, DaemonEnded, Firmware, eventually
-from model import (Booted, Exported, InstalledFirmware, RemovedDatabase, Restored, Synchronised, Wrote, WroteState,
-                   expectation)
+from model import (
+    Booted,
+    Exported,
+    InstalledFirmware,
+    RemovedDatabase,
+    Restored,
+    Synchronised,
+    Wrote,
+    WroteState,
+    expectation,
+)
 
 _MASKS = {"user": 8, "version": 254, "factory": 16, "dump": 4}
-_METHODS = {"user": "makeBackup", "version": "prepareVersionChange", "factory": "prepareFactoryReset",
-            "dump": "makeSysdump"}
+_METHODS = {
+    "user": "makeBackup",
+    "version": "prepareVersionChange",
+    "factory": "prepareFactoryReset",
+    "dump": "makeSysdump",
+}
 _EARLIER = ".earlier"
 _LONGEST_STOP = 3  # seconds
 _STATE_KEYS = [f"State.Test.{i}" for i in range(4)]
@@ -42,7 +55,7 @@ class Workload:
         Firmware(self._version).install()
         self._boot()
         for _ in range(steps):
-            step, = self._random.choices(*zip(*_STEPS.items()))
+            (step,) = self._random.choices(*zip(*_STEPS.items()))
             step(self)
 
     def end(self):
@@ -151,8 +164,7 @@ class Workload:
             time.sleep(1)
 
     def meet_trouble(self):
-        """The disk fails, is slow or full, and works again. A file system that has given up writing needs a new start.
-        """
+        """Lets the disk fail, be slow or full, and work again. A file system that gave up writing needs a new start."""
         filler = DATABASE.with_name("filler")
         kind = self._random.choice(["read", "write", "flush", "delay", "full"])
         if kind == "full":
@@ -286,9 +298,19 @@ class Workload:
 
 
 _STEPS = {
-    Workload.write_one: 8, Workload.write_list: 6, Workload.reset: 2, Workload.write_state: 3, Workload.settle: 2,
-    Workload.export: 5, Workload.restore: 3, Workload.kill_and_start: 2, Workload.stop_and_start: 2,
-    Workload.start_forced: 1, Workload.meet_trouble: 2, Workload.lose_power_and_start: 2, Workload.reset_to_factory: 2,
+    Workload.write_one: 8,
+    Workload.write_list: 6,
+    Workload.reset: 2,
+    Workload.write_state: 3,
+    Workload.settle: 2,
+    Workload.export: 5,
+    Workload.restore: 3,
+    Workload.kill_and_start: 2,
+    Workload.stop_and_start: 2,
+    Workload.start_forced: 1,
+    Workload.meet_trouble: 2,
+    Workload.lose_power_and_start: 2,
+    Workload.reset_to_factory: 2,
     Workload.change_firmware: 2,
 }
 

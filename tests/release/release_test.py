@@ -9,8 +9,11 @@ import tempfile
 import unittest
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-PERSON = {f"GIT_{role}_{field}": value for role in ("AUTHOR", "COMMITTER")
-          for field, value in (("NAME", "Somebody"), ("EMAIL", "somebody@example.org"))}
+PERSON = {
+    f"GIT_{role}_{field}": value
+    for role in ("AUTHOR", "COMMITTER")
+    for field, value in (("NAME", "Somebody"), ("EMAIL", "somebody@example.org"))
+}
 CHANGES = "# Changelog\n\n## [Unreleased]\n\n### Added\n\n- A thing.\n\n## [0.1.0] - 2026-01-01\n\n- The first.\n"
 
 
@@ -32,16 +35,18 @@ class Release(unittest.TestCase):
         (self.tree / name).write_text(text)
 
     def git(self, *arguments):
-        return subprocess.run(["git", *arguments], cwd=self.tree, env=os.environ | PERSON, check=True,
-                              capture_output=True, text=True).stdout
+        return subprocess.run(
+            ["git", *arguments], cwd=self.tree, env=os.environ | PERSON, check=True, capture_output=True, text=True
+        ).stdout
 
     def commit(self):
         self.git("add", ".")
         self.git("commit", "--quiet", "--message", "State")
 
     def release(self, version):
-        return subprocess.run([self.tree / "script/release", version], env=os.environ | PERSON, capture_output=True,
-                              text=True)
+        return subprocess.run(
+            [self.tree / "script/release", version], env=os.environ | PERSON, capture_output=True, text=True
+        )
 
     def test_gives_version_and_date_commits_tags_and_makes_packages(self):
         outcome = self.release("7.0.10")
@@ -49,8 +54,10 @@ class Release(unittest.TestCase):
         self.assertEqual((outcome.returncode, outcome.stderr), (0, ""))
         self.assertIn("packages of v7.0.10\n", outcome.stdout)
         self.assertIn("  set(PROPERTYSERVICE_VERSION 7.0.10)\n", self.git("show", "v7.0.10:CMakeLists.txt"))
-        self.assertRegex(self.git("show", "v7.0.10:CHANGELOG.md"),
-                         r"## \[Unreleased\]\n\n## \[7\.0\.10\] - \d{4}-\d\d-\d\d\n\n### Added\n\n- A thing\.\n\n## \[0\.1\.0\]")
+        self.assertRegex(
+            self.git("show", "v7.0.10:CHANGELOG.md"),
+            r"## \[Unreleased\]\n\n## \[7\.0\.10\] - \d{4}-\d\d-\d\d\n\n### Added\n\n- A thing\.\n\n## \[0\.1\.0\]",
+        )
         self.assertEqual(self.git("cat-file", "-t", "v7.0.10"), "tag\n")
         self.assertEqual(self.git("status", "--porcelain"), "")
 
@@ -66,9 +73,12 @@ class Release(unittest.TestCase):
             self.git("tag", "v7.0.0")
 
         for prepare, version, complaint in (
-                (lambda: None, "0.0.9", "has to be greater"), (lambda: None, "seven", "script/release VERSION"),
-                (tagged, "7.0.0", "There is a tag v7.0.0 already"), (dirty, "7.0.1", "changes that are not committed"),
-                (nothing_to_release, "7.0.1", 'nothing below "## [Unreleased]"')):
+            (lambda: None, "0.0.9", "has to be greater"),
+            (lambda: None, "seven", "script/release VERSION"),
+            (tagged, "7.0.0", "There is a tag v7.0.0 already"),
+            (dirty, "7.0.1", "changes that are not committed"),
+            (nothing_to_release, "7.0.1", 'nothing below "## [Unreleased]"'),
+        ):
             with self.subTest(complaint):
                 prepare()
                 before = self.git("rev-parse", "HEAD")

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""script/audit against a registry of its own, which knows of a vulnerability, of none, or does not answer such questions."""
+"""Runs script/audit against a registry that knows of a vulnerability, of none, or does not answer such questions."""
 
 import gzip
 import http.server
@@ -11,8 +11,15 @@ import threading
 import unittest
 
 SOURCES = pathlib.Path(__file__).resolve().parents[2]
-ADVISORY = {"id": 1, "url": "https://example.org/1", "title": "A hole", "severity": "low", "vulnerable_versions": "*",
-            "cwe": [], "cvss": {"score": 1, "vectorString": None}}
+ADVISORY = {
+    "id": 1,
+    "url": "https://example.org/1",
+    "title": "A hole",
+    "severity": "low",
+    "vulnerable_versions": "*",
+    "cwe": [],
+    "cvss": {"score": 1, "vectorString": None},
+}
 
 
 class Registry(http.server.BaseHTTPRequestHandler):
@@ -40,9 +47,14 @@ def audit(advisories):
         registry.advisories = advisories
         registry.asked = {}
         threading.Thread(target=registry.serve_forever, daemon=True).start()
-        outcome = subprocess.run([SOURCES / "script/audit"], capture_output=True, text=True, timeout=60,
-                                 env=os.environ | {"NPM_CONFIG_REGISTRY": f"http://127.0.0.1:{registry.server_port}/",
-                                                   "NPM_CONFIG_FETCH_RETRIES": "0"})
+        outcome = subprocess.run(
+            [SOURCES / "script/audit"],
+            capture_output=True,
+            text=True,
+            timeout=60,
+            env=os.environ
+            | {"NPM_CONFIG_REGISTRY": f"http://127.0.0.1:{registry.server_port}/", "NPM_CONFIG_FETCH_RETRIES": "0"},
+        )
         registry.shutdown()
         return outcome, registry.asked
 
