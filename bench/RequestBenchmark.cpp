@@ -10,7 +10,7 @@
 #include "core/Messenger.h"
 #include "support/SampleDevice.h"
 
-// What the daemon uses, for the same reason (core/JsonText.cpp).
+// Uses the same reader as the daemon, for the same reason (core/JsonText.cpp).
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace propertyservice {

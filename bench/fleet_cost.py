@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a device costs its central broker, for the account in docs/fleet.md.
+"""Measures the cost of a device at its central broker, for the account in docs/fleet.md.
 
     tests/fleet/private-network bench/fleet_cost.py [DEVICES]
 

@@ -104,7 +104,7 @@ def pin(pid, cores):
 
 
 def wait_until_quiet(*pids):
-    """What a request leaves to be done later belongs to it, and must not disturb the next measurement."""
+    """Waits until work that a request left for later is done, so that it counts for the right request."""
     deadline = time.monotonic() + 10
     before = sum(map(cpu_us, pids))
     while time.monotonic() < deadline:

@@ -24,7 +24,7 @@ class Figure:
         self.spread = (max(self.values) - min(self.values)) / self.median if self.median else 0
 
     def __truediv__(self, other):
-        """What was measured in turns is compared turn by turn."""
+        """Compares turn by turn, as the figures were measured."""
         return Figure(mine / its for mine, its in zip(self.values, other.values))
 
     def __str__(self):
@@ -264,7 +264,7 @@ def report(results):
 
 
 def parts_of(results, method):
-    """What the round trip of a request is spent on, in µs, everything on one core."""
+    """Returns the parts of a request's round trip, in µs, everything on one core."""
     json_us = results.time("jsonOf" + method[0].upper() + method[1:], 1000).median
     in_process = results.time(method + "/4096", 1000).median
     service = results.bus(DAEMON, method + " 1x1", "service_cpu_us").median

@@ -3,7 +3,7 @@
 #include "fuzz/Fuzzing.h"
 
 // The text of a backup file. What the parser finds, written down again line by line, must be the text up to
-// the place from which on there is no line any more.
+// the place after the last line.
 
 namespace propertyservice::fuzz {
 namespace {

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-/// What the fuzz targets have in common. The entry point of each is `LLVMFuzzerTestOneInput`.
+/// Helpers of all fuzz targets. The entry point of each is `LLVMFuzzerTestOneInput`.
 namespace propertyservice::fuzz {
 
 /// Makes the input a finding unless the claim holds.

@@ -69,7 +69,7 @@ class Device {
   /// Back to the defaults, but for the volatile properties.
   void reset() { service_->resetMultiple("%"); }
 
-  /// What the writer is at would look like a leak.
+  /// Waits because work in progress would look like a leak.
   void waitForWriter() {
     while (!service_->isWriterIdle()) {
       std::this_thread::yield();

@@ -61,7 +61,7 @@ class Shell {
     require(written == static_cast<ssize_t>(line.size()), "the shell takes a command");
   }
 
-  /// What the shell writes, at most `size` bytes; less when nothing more comes for 10 s.
+  /// Returns the shell's output, at most `size` bytes; less when nothing more comes for 10 s.
   std::string read(std::size_t size) const {
     constexpr int kPatienceMs = 10'000;
     std::string text(size, '\0');

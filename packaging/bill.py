@@ -165,7 +165,7 @@ class Debian:
 
 
 class Build:
-    """What ninja knows."""
+    """The build as ninja knows it."""
 
     def __init__(self, directory):
         self.directory = directory

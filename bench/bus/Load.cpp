@@ -40,7 +40,7 @@ struct Options {
   double seconds;
 };
 
-/// What is measured. Counts everything; keeps times only between `begin` and `end`.
+/// The measured figures. Counts everything; keeps times only between `begin` and `end`.
 class Measurement {
  public:
   explicit Measurement(bool withNotifications) : withNotifications_(withNotifications) {}
@@ -182,7 +182,7 @@ class Asker {
 
  private:
   static std::vector<std::string> makeRequests(const Options& options, unsigned number) {
-    // What an earlier run wrote last stands in the first setting; the others are at most one round behind.
+    // The first setting holds the last value of an earlier run; the others lag by at most one round.
     const unsigned first = number * kSettingsOfAClient;
     const unsigned before = currentValue(options, sampleKey(first));
     std::vector<std::string> requests;

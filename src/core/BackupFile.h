@@ -11,7 +11,7 @@ namespace propertyservice {
 /// Stands before the database version in the last line of a backup file.
 inline constexpr std::string_view kVersionMarker = "DatabaseVersion:";
 
-/// What a backup file holds: a line `key;value` for each property, then the database version.
+/// The contents of a backup file: a line `key;value` for each property, then the database version.
 struct BackupFile {
   /// All that follows the version marker, the line end included; empty without a marker.
   std::string version;

@@ -19,8 +19,8 @@ namespace propertyservice {
 
 namespace {
 
-/// What stands between the product's name and " ADV" in the model text, with the blank before it: the file
-/// for "Halcyon 5 ADV" is "Update. 5.json".
+/// Returns the name made of the text between the product's name and " ADV", with the blank before it: the
+/// file for "Halcyon 5 ADV" is "Update. 5.json".
 std::string modelFileName(std::string model) {
   constexpr std::string_view kProduct = "Halcyon";
 

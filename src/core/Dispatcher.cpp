@@ -59,7 +59,7 @@ class Cancellable {
   }
 };
 
-/// What is asked on "a/b/c" is answered on "b/c/a", what is asked on a topic without "/" nowhere.
+/// Returns "b/c/a" for a request on "a/b/c". A request on a topic without "/" has no reply topic.
 std::optional<std::string> replyTopic(const std::string& topic) {
   const std::size_t slash = topic.find('/');
   if (slash == std::string::npos) {

@@ -58,7 +58,7 @@ class Dispatcher : public ipc::IIPCCallback {
   std::string getColumns(const Json::Value& request);
   std::string getProvisioningDump();
 
-  /// What "getV" and "setV" are about: a property with its name under the column that the request chose.
+  /// Returns the property of a "getV" or "setV", with its name under the column that the request chose.
   static Property requestedProperty(const Json::Value& request);
 
   // DispatcherWrites.cpp

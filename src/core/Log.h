@@ -10,8 +10,8 @@ namespace propertyservice {
 /// The log of this daemon, tag "PROP-SRV". Usable before `main` and until the process ends.
 dbg::Debug& logger();
 
-/// What a log entry shows of text that a client sent: all of it up to 4 KiB, else its first 4 KiB and its
-/// size.
+/// Returns the part of a client's text that a log entry shows: all of it up to 4 KiB, else the first 4 KiB
+/// and its size.
 std::string excerpt(std::string_view text);
 
 }  // namespace propertyservice

@@ -30,7 +30,7 @@ class Property {
 
   /// Sets the columns in the order given; a later one of the same name replaces the earlier. A text that is
   /// no 32-bit integer where one is wanted is logged as a warning and ends the construction: neither that
-  /// column nor those behind it are set.
+  /// column nor those after it are set.
   explicit Property(Columns columns);
 
   /// Takes a row in its JSON form as it is. Anything but an object gives a property without members.

@@ -42,7 +42,7 @@ class ReadOnlyParameters {
 /// is missing.
 std::string createUserAgent(const ReadOnlyParameterMap& parameters);
 
-/// Sets the mask of the log. Text that is no number is logged and changes nothing.
+/// Sets the mask of the log. Text that is not a number is logged and changes nothing.
 void setDebugLevel(const std::string& mask);
 
 }  // namespace propertyservice

@@ -8,13 +8,13 @@
 #include "core/Property.h"
 #include "core/Status.h"
 
-/// What requests and their replies have in common. Safe from any thread.
+/// Members that requests and replies share. Safe from any thread.
 namespace propertyservice::reply {
 
 /// The value as a JSON string; empty for null. Throws `Json::LogicError` for an array or an object.
 Json::Value asText(const Json::Value& value);
 
-/// The text of a status. A number that is no status is logged as an error and gives the empty text.
+/// The text of a status. A number that is not a status is logged as an error and gives the empty text.
 std::string_view statusText(Status status);
 
 /// Logs a warning for a property that was not found.

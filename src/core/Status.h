@@ -20,7 +20,7 @@ enum class Status : int {
   InvalidRequest = 9,
 };
 
-/// The text of a status in a reply, or nothing for a number that is no status. Safe from any thread.
+/// The text of a status in a reply, or nothing for a number that is not a status. Safe from any thread.
 std::optional<std::string_view> toText(Status status);
 
 }  // namespace propertyservice

@@ -123,7 +123,7 @@ class RowReader {
     for (const std::string_view column : column::kAll) {
       cells_.push_back({column, isText(column), statement.getColumnIndex(column.data())});
     }
-    // In the order of the members of a property, so that each is added behind the one before.
+    // In the order of the members of a property, so that each is added after the one before.
     std::ranges::sort(cells_, {}, &Cell::column);
   }
 
@@ -154,7 +154,7 @@ class RowReader {
   std::vector<Cell> cells_;
 };
 
-/// What `member` is once it has been written to that column and read back.
+/// Returns `member` as it would be read back from that column.
 Json::Value asStored(std::string_view column, const Json::Value& member) {
   return isText(column) ? Json::Value(member.asString()) : Json::Value(Json::Int64{integerOf(member)});
 }

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-/// What the daemon and its clients say on the bus, each name spelled once. The members of messages stand in
+/// The names that the daemon and its clients use on the bus. The members of messages stand in
 /// common/JSONDefinitions.h, the columns in wire/Columns.h.
 namespace propertyservice {
 
@@ -68,7 +68,7 @@ inline std::string changes(const std::string& group) {
 
 inline constexpr char kAllGroups[] = "groupnotify";
 
-/// What stands before every topic of a device that is reached through a central broker.
+/// Returns the prefix of every topic of a device that is reached through a central broker.
 inline std::string devicePrefix(const std::string& serial) {
   return "devices/" + serial + '/';
 }

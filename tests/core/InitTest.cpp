@@ -114,7 +114,7 @@ class InitTest : public testing::Test {
     return property.status();
   }
 
-  /// What the database file holds at this moment.
+  /// Returns the value in the database file at this moment.
   std::string storedValueOf(const std::string& key) const {
     return SQLite::Database(paths_.database)
         .execAndGet("SELECT value FROM settings WHERE key = '" + key + "'")

@@ -28,7 +28,7 @@ std::string repeated(const std::string& unit, int times) {
   return text;
 }
 
-/// What the C library alone says of a pattern, and of keys under it.
+/// The C library's own decision about a pattern, and about keys under it.
 class Library {
  public:
   explicit Library(std::string pattern) {

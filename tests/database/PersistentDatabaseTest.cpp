@@ -133,7 +133,7 @@ class PersistentDatabaseTest : public testing::Test {
     database = std::make_unique<Database>(storage, cache, std::move(validators));
   }
 
-  /// What the storage has been handed by the time the database is gone.
+  /// Destroys the database and returns the writes that the storage was handed.
   Writes writesAtTheEnd() {
     database.reset();
     return storage->writes();

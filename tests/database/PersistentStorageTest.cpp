@@ -40,7 +40,7 @@ const char* const kUpdateText =
     "tr069=:tr69, range_min=:minRange, range_max=:maxRange, regexp=:validationMask, enum=:validationValues, "
     "flags=:flags, defaultvalues=:defaultValue WHERE key=:propertyName";
 
-/// What the operation throws.
+/// Returns the exception of the operation.
 template <typename Operation>
 std::optional<PersistentStorageException> failureOf(Operation operation) {
   try {

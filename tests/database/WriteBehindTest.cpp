@@ -58,7 +58,7 @@ class FakeStorage {
   void waitForTheFirst() { inFirst_.wait(); }
   void goOn() { mayGoOn_.count_down(); }
 
-  /// What was taken, call by call.
+  /// The values of each call.
   std::vector<Values> calls() const {
     const std::scoped_lock lock(mutex_);
     return calls_;

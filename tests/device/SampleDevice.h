@@ -43,7 +43,7 @@ class SampleDatabase {
  public:
   SampleDatabase() : complaints_(runScript()), database_(directory_.path("nvm")) {}
 
-  /// What the shell had to say about the script.
+  /// The shell's messages about the script.
   const std::string& complaints() const { return complaints_; }
 
   int count(const std::string& condition) {

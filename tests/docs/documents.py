@@ -21,7 +21,7 @@ class Block:
 
 
 def all_documents():
-    """What users and developers are given to read. The notes on decisions show no commands."""
+    """Returns the documents for users and developers. The notes on decisions show no commands."""
     pages = [path for path in ROOT.glob("docs/man/*") if is_manual_page(path)]
     return sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), *pages])
 

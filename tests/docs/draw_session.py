@@ -28,7 +28,7 @@ STYLE = (
 
 
 def session():
-    """What propctl is asked in the first terminal: [(command, output lines)]"""
+    """Returns the commands of the first terminal: [(command, output lines)]"""
     blocks = documents.read(ROOT / "README.md")
     first = next(block for block in blocks if block.heading == HEADING and block.kind == "console")
     return [(command, output) for command, output in documents.commands(first) if command.startswith("propctl")]

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""What can be seen of the documents without a device: that links lead somewhere, that no command escapes the tests, and
+"""Checks the documents without a device: that links lead somewhere, that no command escapes the tests, and
 that manual pages show their examples as they are."""
 
 import re
@@ -9,7 +9,7 @@ import documents
 import draw_session
 from documents import ROOT
 
-# What no document's test runs, and why.
+# Commands that no document's test runs, and why.
 NOT_RUN = {
     "script/release 0.2.0": "tests/release/release_test.py runs it",
     "script/run": "tests/docs/run_test.py runs it",
@@ -24,7 +24,7 @@ NOT_RUN = {
     "journalctl -u propsrv -f": "a namespace has no journal",
 }
 
-# What tests/fleet/ takes from a document and runs.
+# Commands of the documents that tests/fleet/ runs.
 RUN_IN_A_FLEET = r"(openssl|sed|propctl|mosquitto_rr|mosquitto_pub) .*\$(centre|serial|controller)|openssl .*-ca\.key"
 
 PROGRAMS = (

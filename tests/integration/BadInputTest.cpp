@@ -4,7 +4,7 @@
 #include "core/JsonText.h"
 #include "support/Device.h"
 
-// What clients must not be able to do: whatever one sends, it gets the answer below, the daemon lives, and
+// Bad input harms nobody: a client gets the answer below, the daemon lives, and
 // the next request of another client is served at once.
 
 namespace propertyservice::test {
@@ -12,7 +12,7 @@ namespace {
 
 constexpr auto kAtOnce = std::chrono::seconds(1);
 
-/// What follows a request: this reply, or no reply but this text in the log.
+/// The outcome of a request: this reply, or no reply but this text in the log.
 struct Outcome {
   std::string reply;
   std::string logged;

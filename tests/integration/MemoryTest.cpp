@@ -1,6 +1,6 @@
 #include "support/Device.h"
 
-// What the daemon has in memory, seen from outside.
+// The memory of the daemon, seen from outside.
 
 namespace propertyservice::test {
 namespace {

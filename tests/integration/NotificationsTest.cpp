@@ -1,6 +1,6 @@
 #include "support/Device.h"
 
-// What listeners on the bus are told about changes.
+// Notifications of changes, as listeners on the bus get them.
 
 namespace propertyservice::test {
 namespace {

@@ -291,7 +291,7 @@ def _descendants(process):
 
 
 def problems_of_database(file, scratch):
-    """What SQLite finds wrong with a database and its journal, looked at as copies."""
+    """Returns SQLite's complaints about copies of a database and its journal."""
     for name in ("nvm", "nvm-journal"):
         copy = scratch / name
         copy.unlink(missing_ok=True)

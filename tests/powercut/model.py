@@ -1,4 +1,4 @@
-"""What a telephone may hold after a power cut, from what happened to it before."""
+"""The model of a telephone: what it may hold after a power cut, derived from the events before."""
 
 import dataclasses
 import math
@@ -180,7 +180,7 @@ class RemovedDatabase(Event):
 
 @dataclasses.dataclass
 class InstalledFirmware(Event):
-    """REQUIRES: there is no database file."""
+    """REQUIRES: the database file is missing."""
 
     version: int = 0
 
@@ -217,7 +217,7 @@ class Booted(Event):
 
 
 def expectation(version, events, position=math.inf):
-    """What is right when the power fails at `position`."""
+    """Returns the expectation when the power fails at `position`."""
     expected = Expectation(version)
     for event in events:
         if event.begin > position:

@@ -6,7 +6,7 @@
 
 namespace propertyservice::soak {
 
-/// What stands between the load and those who disturb the system. Safe from any thread.
+/// Keeps the load and the disturbances of the system apart. Safe from any thread.
 class Disturbances {
  public:
   /// A moment in the life of the system. Two are equal when nothing was disturbed between them.

@@ -53,7 +53,7 @@ struct History {
   std::vector<Seconds> kills;  ///< When the daemon was killed, in order.
 };
 
-/// What contradicts these promises, at most `most` of them, one a line:
+/// Returns up to `most` contradictions to these promises, one a line:
 ///
 /// - a read gives the last answered value, or one of a write that was not over before the read began;
 /// - a killed daemon forgets what was answered within the last second alone;

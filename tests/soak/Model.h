@@ -15,8 +15,8 @@ inline std::string show(const Value& value) {
   return value ? '"' + *value + '"' : "nothing";
 }
 
-/// What the daemon may hold, key by key: the value last accepted; and, where a request got lost in a
-/// disturbance, what it would have made of it. Without a lock.
+/// The values that the daemon may hold, key by key: the value last accepted; and, where a request got lost in
+/// a disturbance, what it would have made of it. Without a lock.
 class Model {
  public:
   void add(const std::string& key, const Value& value) { entries_[key] = {{value}, {value}}; }

@@ -312,7 +312,7 @@ class Soak {
     ++counts_[request["method"].asString()].answered;
   }
 
-  /// What the loads' properties whose flags the mask selects hold, by the model.
+  /// Returns the model's values of the loads' properties whose flags the mask selects.
   Snapshot exported(int mask) {
     resolve();
     Snapshot snapshot;

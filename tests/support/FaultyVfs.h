@@ -32,9 +32,9 @@ class FaultyVfs {
   /// So many of these operations were asked for since the beginning.
   int count(Operation operation) const;
 
-  /// What the disk would hold if the power had been cut: at each sync so far, once before it took effect,
-  /// once when half of the file had reached the disk, and once after. What else was written but not synced is
-  /// gone.
+  /// Returns the contents of the disk after a power cut: at each sync so far, once before it took effect,
+  /// once when half of the file had reached the disk, and once after. Anything else that was written but not
+  /// synced is gone.
   std::vector<Disk> powerCuts() const;
 
  private:

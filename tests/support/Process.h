@@ -34,7 +34,7 @@ class Process {
   /// SIGKILL, and waits for the end.
   void kill();
 
-  /// What it has in memory, and how many descriptors it has open. REQUIRES: it runs.
+  /// Return its resident memory, and the number of its open descriptors. REQUIRES: it runs.
   std::size_t residentKiB() const;
   std::size_t descriptors() const;
 

@@ -12,12 +12,12 @@ class CmdLineParser {
   /// Defines the option `--name`. `attribute` 0 is a flag without a value, the only kind there is.
   void defineCmdLineOption(std::string name, std::string description, int attribute);
 
-  /// Reads the arguments behind the program's name. Returns 0, or an error for `getErrorString`: an option
-  /// that is not defined, a value given to a flag, or an argument that is no option. The first error ends the
-  /// reading.
+  /// Reads the arguments after the program's name. Returns 0, or an error for `getErrorString`: an option
+  /// that is not defined, a value given to a flag, or an argument that is not an option. The first error ends
+  /// the reading.
   int parse(int argc, const char* const* argv);
 
-  /// What is wrong, in one line, naming the argument.
+  /// Describes the error in one line that names the argument.
   std::string getErrorString(int error) const;
 
   bool checkOptionPassed(std::string_view name) const;

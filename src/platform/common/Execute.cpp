@@ -28,7 +28,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLargestOutputBytes = 1 << 20;
 
-/// What a pipe holds at most, so that one read empties it.
+/// The capacity of a pipe, so that one read empties it.
 constexpr std::size_t kPipeBytes = 64 << 10;
 
 void check(int error, const char* operation) {

@@ -4,7 +4,7 @@
 
 namespace ipc {
 
-/// What a client of the bus is told. All calls come on the bus client's one callback thread, one at a time.
+/// The events of a bus client. All calls come on the bus client's one callback thread, one at a time.
 /// An exception that leaves a call is caught by the bus client and logged as an error. A callback is told of
 /// each lost connection, each delivery and each message that one of its subscriptions matches, once however
 /// many subscriptions it has. Messages that the broker has kept (retained) are not told but logged as a

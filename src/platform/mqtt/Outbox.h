@@ -7,8 +7,8 @@
 
 namespace mqtt {
 
-/// What was published and is not acknowledged yet, in order: messages in flight, which libmosquitto has and
-/// sends again after a loss of the connection, and behind them messages that wait for their turn. The flight
+/// Messages that are published but not acknowledged, in order: those in flight, which libmosquitto has and
+/// sends again after a loss of the connection, and after them those that wait for their turn. The flight
 /// is kept short because libmosquitto walks through all of it at each publish and each acknowledgement.
 ///
 /// Not safe for concurrent use.

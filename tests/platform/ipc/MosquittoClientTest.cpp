@@ -52,7 +52,7 @@ class Recorder : public IIPCCallback {
   void deliveryComplete(const std::string& topic) override { record(deliveries_, topic); }
   void connectionLost(const std::string& cause) override { record(losses_, cause); }
 
-  /// What there is, once there are `count` or the deadline has passed.
+  /// Wait for `count` of them, or the deadline, and return all.
   std::vector<Message> messages(std::size_t count) { return waitFor(messages_, count); }
   std::vector<std::string> deliveries(std::size_t count) { return waitFor(deliveries_, count); }
   std::vector<std::string> losses(std::size_t count) { return waitFor(losses_, count); }
