@@ -14,7 +14,7 @@ class Expectation:
         self.state = {}  # of each volatile key: the values that it may have, None among them
         self.recovery = {None}
         self.files = {}  # of each kind of backup: the contents that are right, and whether it must be there
-        self.pending = set()  # kinds that the next start must restore
+        self.pending = set()  # kinds that the next start must restore if their files are there
         self.restored = {}  # of each kind that is being restored: the values that are right when its file is gone
         self.firmware = Firmware(version)
         self.rebuild(True)
@@ -150,14 +150,14 @@ class Exported(Event):
 
     def apply(self, expected, complete):
         expected.restored.pop(self.kind, None)
+        if self.kind in ("version", "factory"):
+            expected.pending.add(self.kind)
         if not complete:
             earlier, must = expected.files.get(self.kind, ([], False))
             expected.files[self.kind] = [*earlier, self.content], must
             return
         expected.files[self.kind] = [self.content], True
         expected.synchronise()
-        if self.kind in ("version", "factory"):
-            expected.pending.add(self.kind)
 
 
 @dataclasses.dataclass
