@@ -2,7 +2,7 @@
 
 import { element } from './element.js';
 import { differs, isReadOnly, isState } from './properties.js';
-import { allowedValues, explain, flagsOf, rulesOf } from './words.js';
+import { allowedValues, explain, flagsOf, rulesOf, unseenIn, visible } from './words.js';
 
 function button(text, className, onClick) {
   const result = element('button', { type: 'button', className }, text);
@@ -15,7 +15,7 @@ function fact(term, ...details) {
 }
 
 function code(text) {
-  return element('code', {}, text);
+  return text === '' ? 'empty' : element('code', { dir: 'auto' }, visible(text));
 }
 
 function facts(property) {
@@ -23,7 +23,7 @@ function facts(property) {
   const rules = rulesOf(property).map(({ words, expression }) => (expression ? [words, code(expression)] : [words]));
   list.append(...fact('Rules', ...(rules.length ? rules : [['any text of at most 256 characters']])));
   if (property.defaultvalues !== undefined) {
-    list.append(...fact('Default', [property.defaultvalues === '' ? 'empty' : code(property.defaultvalues)]));
+    list.append(...fact('Default', [code(property.defaultvalues)]));
   }
   const flags = flagsOf(property);
   if (property.flags !== undefined) {
@@ -42,102 +42,170 @@ function facts(property) {
   return list;
 }
 
-function hint(property) {
-  return isReadOnly(property) ? 'Read-only: requests cannot write it, only reset it.' : 'Enter saves, Esc closes.';
+/** As a text field holds it. */
+function inField(text) {
+  return text.replaceAll(/\r\n|\r/g, '\n');
 }
 
-/** `write(value)` and `reset()` give the service's status text, or throw NoAnswer. `onClose` is asked to close it. */
+function quoted(text) {
+  return text === '' ? 'The empty value' : `“${visible(text)}”`;
+}
+
+/**
+ * One property's editor. It may outlive its row, and is to be kept until it is finished: text that was typed stays.
+ * `write(value)` and `reset()` give the service's status text, or throw NoAnswer. `onEdit` is told when the editor may
+ * have become unsaved or finished; `onClose` is asked to close the row.
+ */
 export class Editor {
   #property;
-  #shownValue;
-  #field;
-  #answer;
-  #note;
-  #resetButton;
-  #form;
+  #value; // the property's, as last heard; the property itself changes
+  #asked = null; // the value that the answer is about
   #isBusy = false;
+  #isInDoubt = false; // whether what was asked has been done
+  #field;
+  #answer = element('p', { className: 'answer', role: 'status' });
+  #note = element('p', { className: 'note', role: 'status' });
+  #unseen = element('p', { className: 'note' });
+  #choices = element('div', { className: 'choices', role: 'group', ariaLabel: 'Allowed values' });
+  #saveButton = element('button', { type: 'submit', className: 'primary' }, 'Save');
+  #resetButton;
+  #closeButton;
+  #form;
+  #facts = element('dl');
+  #onEdit;
 
-  constructor(property, { write, reset, onClose }) {
+  constructor(property, { write, reset, onEdit, onClose }) {
     this.#property = property;
-    this.#shownValue = property.value;
+    this.#value = property.value;
+    this.#onEdit = onEdit;
     const id = `value-${property.number}`;
-    this.#field = element('textarea', { id, rows: 1, spellcheck: false, autocapitalize: 'off', value: property.value });
-    this.#field.readOnly = isReadOnly(property);
-    this.#field.setAttribute('aria-describedby', `${id}-answer`);
+    this.#answer.id = `${id}-answer`;
+    this.#field = element('textarea', { id, rows: 1, dir: 'auto', spellcheck: false, autocapitalize: 'off' });
+    this.#field.value = property.value;
+    this.#field.setAttribute('aria-describedby', this.#answer.id);
     this.#field.addEventListener('keydown', (event) => this.#keyDown(event));
-    this.#answer = element('p', { id: `${id}-answer`, className: 'answer', role: 'status' }, hint(property));
-    this.#note = element('p', { className: 'note', role: 'status' });
-    this.#form = this.#makeForm(id, write, reset, onClose);
-    this.element = element('div', { className: 'editor', role: 'gridcell' }, this.#form, facts(property));
+    this.#field.addEventListener('input', () => this.#edited());
+    const close = () => {
+      this.#field.value = this.#value;
+      this.#edited();
+      onClose();
+    };
+    this.#resetButton = button(isState(property.key) ? 'Remove' : 'Reset to default', '', () => {
+      this.#field.value = this.#value; // what was typed is given up
+      this.#ask(reset, this.#property.defaultvalues ?? '');
+    });
+    this.#closeButton = button('Close', 'quiet', close);
+    this.#form = this.#makeForm(id, write);
+    this.element = element('div', { className: 'editor', role: 'gridcell' }, this.#form, this.#facts);
     this.element.setAttribute('aria-colspan', 5);
     this.element.addEventListener('keydown', (event) => {
       if (event.key === 'Escape') {
         event.stopPropagation();
-        onClose();
+        close();
       }
     });
-    this.#updateReset();
+    this.#showRules();
+    this.#showHint();
+    this.#textChanged();
+  }
+
+  get isUnsaved() {
+    return this.#field.value !== inField(this.#value);
+  }
+
+  /** Nothing would be lost with it. */
+  get isFinished() {
+    return !this.isUnsaved && !this.#isBusy && !this.#isInDoubt;
   }
 
   focus() {
     this.#field.focus({ preventScroll: true });
     this.#field.select();
+    this.#field.scrollIntoView({ block: 'nearest' });
   }
 
-  /** The property is another value now; text that was not saved stays in the field. */
-  refresh(property) {
+  /** Takes what is known of the property now; unsaved text stays. `wasRead`: all of it is as the service said just now. */
+  refresh(property, wasRead) {
+    const wasUnsaved = this.isUnsaved;
+    const isOther = property.value !== this.#value;
     this.#property = property;
-    this.#updateReset();
-    if (property.value === this.#shownValue) {
-      return;
+    this.#value = property.value;
+    if (wasRead) {
+      this.#showRules();
     }
-    const hasOwnText = this.#field.value !== this.#shownValue && this.#field.value !== property.value;
-    this.#shownValue = property.value;
-    if (hasOwnText) {
-      this.#note.replaceChildren('Meanwhile it became ', code(property.value === '' ? 'empty' : property.value), '.');
-    } else {
-      this.#note.textContent = '';
+    if (isOther && !wasUnsaved) {
       this.#field.value = property.value;
     }
+    if (isOther && this.isUnsaved) {
+      this.#note.replaceChildren('Meanwhile it became ', code(property.value), '.');
+    }
+    const { kind } = this.#answer.dataset;
+    if (this.#isInDoubt && (wasRead || property.value === this.#asked)) {
+      this.#settle();
+    } else if (kind === '' || (kind === 'ok' && isOther && property.value !== this.#asked)) {
+      this.#showHint();
+    }
+    this.#textChanged();
   }
 
-  #makeForm(id, write, reset, onClose) {
-    const { key, defaultvalues = '' } = this.#property;
-    const isSaveable = !isReadOnly(this.#property);
-    const save = element('button', { type: 'submit', className: 'primary', disabled: !isSaveable }, 'Save');
-    this.#resetButton = button(isState(key) ? 'Remove' : 'Reset to default', '', () => {
-      this.#field.value = this.#shownValue; // what was typed is given up
-      this.#ask(reset, defaultvalues);
-    });
+  #makeForm(id, write) {
     const form = element(
       'form',
-      { ariaLabel: key },
-      element('label', { htmlFor: id }, 'Value'),
+      {},
+      element('label', { htmlFor: id, dir: 'ltr' }, this.#property.key),
       this.#field,
       this.#answer,
       this.#note,
-      this.#choices(),
-      element('div', { className: 'actions' }, save, this.#resetButton, button('Close', 'quiet', onClose)),
+      this.#unseen,
+      this.#choices,
+      element('div', { className: 'actions' }, this.#saveButton, this.#resetButton, this.#closeButton),
     );
     form.addEventListener('submit', (event) => {
       event.preventDefault();
-      const { value } = this.#field;
-      this.#ask(() => write(value), value);
+      const { readOnly, value } = this.#field;
+      if (!readOnly) {
+        this.#ask(() => write(value), value);
+      }
     });
     return form;
   }
 
-  #choices() {
-    const choices = element('div', { className: 'choices', role: 'group', ariaLabel: 'Allowed values' });
-    for (const value of isReadOnly(this.#property) ? [] : allowedValues(this.#property)) {
-      choices.append(
+  #showRules() {
+    const readOnly = isReadOnly(this.#property);
+    this.#field.readOnly = readOnly;
+    this.#saveButton.disabled = readOnly;
+    this.#choices.replaceChildren(
+      ...(readOnly ? [] : allowedValues(this.#property)).map((value) =>
         button(value, 'choice', () => {
           this.#field.value = value;
           this.#field.focus();
+          this.#edited();
         }),
-      );
+      ),
+    );
+    const known = facts(this.#property);
+    this.#facts.replaceWith(known);
+    this.#facts = known;
+  }
+
+  #edited() {
+    if (!this.#isBusy && !this.#isInDoubt) {
+      this.#showHint();
     }
-    return choices;
+    this.#textChanged();
+  }
+
+  #textChanged() {
+    const { isUnsaved } = this;
+    if (!isUnsaved) {
+      this.#note.textContent = '';
+    }
+    this.#closeButton.textContent = isUnsaved ? 'Discard' : 'Close';
+    const unseen = unseenIn(this.#field.value);
+    this.#unseen.textContent = unseen.length ? `Holds what is not seen: ${unseen.join(', ')}.` : '';
+    this.#field.ariaInvalid = this.#answer.dataset.kind === 'refused' && this.#isAboutText();
+    this.#updateReset();
+    this.#onEdit();
   }
 
   #updateReset() {
@@ -159,23 +227,49 @@ export class Editor {
     if (this.#isBusy) {
       return;
     }
+    this.#asked = value;
     this.#isBusy = true;
+    this.#isInDoubt = false;
     this.#show('waiting', '', 'Waiting for the answer');
     try {
       const status = await question();
-      this.#show(status === 'Ok' ? 'ok' : 'refused', status, explain(status, this.#property, value));
-      if (status === 'Ok') {
-        this.#note.textContent = '';
-      }
+      this.#show(status === 'Ok' ? 'ok' : 'refused', status, this.#naming(explain(status, this.#property, value)));
     } catch (error) {
-      this.#show('refused', 'No answer', `${error.message}; it may not have been done.`);
+      this.#isInDoubt = error.mayBeDone;
+      this.#show('refused', 'No answer', error.message);
     }
     this.#isBusy = false;
+    this.#textChanged();
+  }
+
+  /** Says whether what was asked has been done, now that the value is known. */
+  #settle() {
+    this.#isInDoubt = false;
+    if (this.#value === this.#asked) {
+      this.#show('ok', 'Ok', this.#naming('Saved after all.'));
+    } else {
+      this.#show('refused', 'Not saved', this.#naming(`The value is ${visible(this.#value) || 'empty'}.`));
+    }
+  }
+
+  #isAboutText() {
+    return !this.isUnsaved || this.#field.value === inField(this.#asked ?? '');
+  }
+
+  #naming(text) {
+    return this.#isAboutText() ? text : `${quoted(this.#asked)}: ${text}`;
+  }
+
+  #showHint() {
+    const keys = this.isUnsaved ? 'Not saved yet. Enter saves, Esc discards.' : 'Enter saves, Esc closes.';
+    this.#show('', '', isReadOnly(this.#property) ? 'Read-only: requests cannot write it, only reset it.' : keys);
   }
 
   #show(kind, status, text) {
+    const parts = [...(status ? [element('strong', {}, status), ' '] : []), text];
     this.#answer.dataset.kind = kind;
-    this.#field.ariaInvalid = kind === 'refused';
-    this.#answer.replaceChildren(...(status ? [element('strong', {}, status), ' '] : []), text);
+    if (this.#answer.textContent !== `${status}${status && ' '}${text}`) {
+      this.#answer.replaceChildren(...parts);
+    }
   }
 }

@@ -1,8 +1,8 @@
-// The list of properties: a grid of which only the rows in sight, the active one and the open one exist.
+// The list of properties: a grid of which only the rows in sight, the active one and the open ones exist.
 
 import { element } from './element.js';
 import { differs, isSecret } from './properties.js';
-import { flagsOf, rulesOf } from './words.js';
+import { flagsOf, rulesOf, visible } from './words.js';
 
 const MARGIN_ROWS = 8; // beyond the edges, so that a row is there before it is seen
 
@@ -10,16 +10,12 @@ function cell(className, ...children) {
   return element('span', { className, role: 'gridcell' }, ...children);
 }
 
-function oneLine(text) {
-  return text.replaceAll(/\r\n|\r|\n/g, '⏎');
-}
-
 function fillText(target, text, hidden) {
   target.classList.toggle('none', text === '');
   if (text === '') {
     target.textContent = 'empty';
   } else {
-    target.textContent = hidden ? '••••••' : oneLine(text);
+    target.textContent = hidden ? '••••••' : visible(text);
   }
 }
 
@@ -29,24 +25,35 @@ function keyCell({ key, group }) {
   return cell('key', ...start, element('span', { className: 'name' }, name));
 }
 
-/** The list in `grid`, which scrolls. `makeEditor(property)` gives the element that an open row shows, with close(). */
+function describe(row) {
+  const words = { unsaved: 'holds unsaved text', differs: 'differs from the default' };
+  const those = Object.keys(words).filter((name) => row.classList.contains(name));
+  row.setAttribute('aria-description', those.map((name) => words[name]).join(', '));
+}
+
+/**
+ * The list in `grid`, which scrolls. A row that opens or closes moves only those below it. `editorOf(property)` gives the
+ * Editor that an open row shows; `isUnsaved(key)` says whether it has one with unsaved text; `onClose` is told the key of a row that has been closed.
+ */
 export class PropertyList {
   #grid;
   #body;
-  #makeEditor;
+  #editorOf;
+  #isUnsaved;
   #onClose;
   #properties = [];
   #indexOf = new Map();
   #rows = new Map(); // key -> row element
   #activeKey = null;
-  #open = null; // { key, editor }
+  #open = new Map(); // key -> editor
   #resizes;
   #frame = 0;
 
-  constructor(grid, { makeEditor, onClose }) {
+  constructor(grid, { editorOf, isUnsaved, onClose }) {
     this.#grid = grid;
     this.#body = grid.querySelector('[role=rowgroup]');
-    this.#makeEditor = makeEditor;
+    this.#editorOf = editorOf;
+    this.#isUnsaved = isUnsaved;
     this.#onClose = onClose;
     this.#resizes = new ResizeObserver(() => this.#draw());
     this.#resizes.observe(grid);
@@ -56,8 +63,9 @@ export class PropertyList {
     this.#body.addEventListener('click', (event) => this.#clicked(event));
   }
 
-  get openKey() {
-    return this.#open?.key ?? null;
+  /** A set, by key, that changes with the list. */
+  get open() {
+    return this.#open;
   }
 
   show(properties) {
@@ -66,8 +74,8 @@ export class PropertyList {
     if (!this.#indexOf.has(this.#activeKey)) {
       this.#activeKey = null;
     }
-    if (this.#open && !this.#indexOf.has(this.#open.key)) {
-      this.close();
+    for (const key of [...this.#open.keys()].filter((open) => !this.#indexOf.has(open))) {
+      this.close(key);
     }
     this.#grid.setAttribute('aria-rowcount', properties.length + 1);
     this.#draw();
@@ -86,9 +94,6 @@ export class PropertyList {
         this.#lightUp(row);
       }
     }
-    if (this.#open?.key === property.key) {
-      this.#open.editor.refresh(property);
-    }
   }
 
   focus() {
@@ -105,9 +110,13 @@ export class PropertyList {
     return parseFloat(getComputedStyle(this.#grid).getPropertyValue('--row-height'));
   }
 
-  #top(index, rowHeight) {
-    const openIndex = this.#open ? this.#indexOf.get(this.#open.key) : Infinity;
-    return index * rowHeight + (index > openIndex ? this.#open.editor.element.offsetHeight : 0);
+  /** Where rows are. It holds for as long as nothing is changed: reading heights has the browser lay everything out. */
+  #measure() {
+    const rowHeight = this.#rowHeight;
+    const editors = [...this.#open].map(([key, { element: { offsetHeight } }]) => [this.#indexOf.get(key), offsetHeight]);
+    const top = (index) =>
+      editors.reduce((sum, [open, height]) => (open < index ? sum + height : sum), index * rowHeight);
+    return { rowHeight, top };
   }
 
   #schedule() {
@@ -118,37 +127,51 @@ export class PropertyList {
   }
 
   #draw() {
-    const rowHeight = this.#rowHeight;
-    const wanted = this.#wantedRows(rowHeight);
+    const places = this.#measure();
+    const wanted = this.#wantedRows(places);
     this.#removeAllBut(wanted);
     this.#addAndOrder(wanted);
-    this.#body.style.height = `${this.#top(this.#properties.length, rowHeight)}px`;
+    this.#body.style.height = `${places.top(this.#properties.length)}px`;
     for (const index of wanted) {
       const property = this.#properties[index];
       const row = this.#rows.get(property.key);
-      row.style.top = `${this.#top(index, rowHeight)}px`;
+      row.style.top = `${places.top(index)}px`;
       row.setAttribute('aria-rowindex', index + 2);
     }
     this.#markActive();
   }
 
   // Indexes, ascending.
-  #wantedRows(rowHeight) {
-    const editorHeight = this.#open?.editor.element.offsetHeight ?? 0;
+  #wantedRows({ rowHeight, top }) {
     const { scrollTop, clientHeight } = this.#grid;
     const count = this.#properties.length;
-    const first = Math.max(Math.floor((scrollTop - editorHeight) / rowHeight) - MARGIN_ROWS, 0);
-    const end = Math.min(Math.ceil((scrollTop + clientHeight) / rowHeight) + MARGIN_ROWS, count);
+    const inSight = this.#indexAt(scrollTop, top);
+    const first = Math.max(inSight - MARGIN_ROWS, 0);
+    const end = Math.min(inSight + Math.ceil(clientHeight / rowHeight) + 1 + MARGIN_ROWS, count);
     const wanted = new Set();
     for (let index = first; index < end; ++index) {
       wanted.add(index);
     }
-    for (const key of [this.#activeKey, this.openKey]) {
+    for (const key of [this.#activeKey, ...this.#open.keys()]) {
       if (this.#indexOf.has(key)) {
         wanted.add(this.#indexOf.get(key));
       }
     }
     return [...wanted].sort((a, b) => a - b);
+  }
+
+  // The first row that ends below `y`.
+  #indexAt(y, top) {
+    let [low, high] = [0, this.#properties.length];
+    while (low < high) {
+      const middle = (low + high) >> 1;
+      if (top(middle + 1) <= y) {
+        low = middle + 1;
+      } else {
+        high = middle;
+      }
+    }
+    return low;
   }
 
   #removeAllBut(wanted) {
@@ -176,8 +199,9 @@ export class PropertyList {
   }
 
   #makeRow(property) {
-    const row = element('div', { className: 'row', id: `property-${property.number}`, role: 'row' });
+    const row = element('div', { className: 'row', id: `property-${property.number}`, role: 'row', ariaLevel: 1 });
     row.dataset.key = property.key;
+    row.ariaExpanded = false;
     row.append(keyCell(property), cell('value'), cell('default'), cell('rules'), cell('flags'));
     this.#rows.set(property.key, row);
     this.#fill(row, property);
@@ -188,7 +212,8 @@ export class PropertyList {
     const isDifferent = differs(property);
     const hidden = isSecret(property.key);
     row.classList.toggle('differs', isDifferent);
-    row.setAttribute('aria-description', isDifferent ? 'differs from the default' : '');
+    row.classList.toggle('unsaved', this.#isUnsaved(property.key));
+    describe(row);
     fillText(row.querySelector('.value'), property.value, hidden);
     const standard = row.querySelector('.default');
     if (property.defaultvalues === undefined) {
@@ -229,7 +254,10 @@ export class PropertyList {
   }
 
   #firstInSight() {
-    return Math.ceil(this.#grid.scrollTop / this.#rowHeight);
+    const { scrollTop } = this.#grid;
+    const { top } = this.#measure();
+    const index = this.#indexAt(scrollTop, top);
+    return top(index) < scrollTop ? index + 1 : index;
   }
 
   #activate(index) {
@@ -244,12 +272,10 @@ export class PropertyList {
   }
 
   #scrollTo(index) {
-    const rowHeight = this.#rowHeight;
+    const places = this.#measure();
     const heading = this.#body.offsetTop;
-    const isOpen = this.#properties[index].key === this.openKey;
-    const height = rowHeight + (isOpen ? this.#open.editor.element.offsetHeight : 0);
-    const top = this.#top(index, rowHeight);
-    const bottom = top + height + heading - this.#grid.clientHeight;
+    const top = places.top(index);
+    const bottom = places.top(index + 1) + heading - this.#grid.clientHeight;
     if (bottom > this.#grid.scrollTop) {
       this.#grid.scrollTop = bottom;
     }
@@ -274,10 +300,10 @@ export class PropertyList {
     };
     if (event.key in targets) {
       this.#activate(targets[event.key]);
-    } else if (event.key === 'Enter' || event.key === 'F2') {
-      this.#openRow(this.#properties[active]?.key ?? null);
-    } else if (event.key === 'Escape' && this.#open) {
-      this.close();
+    } else if ((event.key === 'Enter' || event.key === 'F2') && active < this.#properties.length) {
+      this.openRow(this.#properties[active].key);
+    } else if (event.key === 'Escape' && this.#open.has(this.#activeKey)) {
+      this.close(this.#activeKey);
     } else {
       return;
     }
@@ -286,54 +312,58 @@ export class PropertyList {
 
   #clicked(event) {
     const row = event.target.closest('.row');
-    if (!row || event.target.closest('.editor') || !getSelection().isCollapsed) {
+    if (!row || event.target.closest('.editor')) {
       return;
     }
     const { key } = row.dataset;
-    this.#activeKey = key;
-    if (key === this.openKey) {
-      this.close();
-    } else {
-      this.#openRow(key);
-    }
-  }
-
-  #openRow(key) {
-    if (key === null || key === this.openKey) {
-      this.#open?.editor.focus();
+    if (event.detail > 1) {
+      this.#open.get(key)?.focus(); // the second click of a double click asks for nothing else
+    } else if (!getSelection().isCollapsed) {
       return;
+    } else if (this.#open.has(key)) {
+      this.#activeKey = key;
+      this.close(key);
+    } else {
+      this.openRow(key);
     }
-    this.#removeEditor();
-    const property = this.#properties[this.#indexOf.get(key)];
-    const editor = this.#makeEditor(property);
-    const row = this.#rows.get(key);
-    this.#open = { key, editor };
-    row.classList.add('open');
-    row.append(editor.element);
-    this.#resizes.observe(editor.element);
-    this.#draw();
-    this.#scrollTo(this.#indexOf.get(key));
-    editor.focus();
   }
 
-  /** Closes the open row; where its editor had the focus, the list has it now. */
-  close() {
-    const hadFocus = this.#open.editor.element.contains(document.activeElement);
-    this.#removeEditor();
+  /** REQUIRES: the property is shown. */
+  openRow(key) {
+    const index = this.#indexOf.get(key);
+    this.#activate(index);
+    if (!this.#open.has(key)) {
+      const editor = this.#editorOf(this.#properties[index]);
+      const row = this.#rows.get(key);
+      this.#open.set(key, editor);
+      row.classList.add('open');
+      row.ariaExpanded = true;
+      row.append(editor.element);
+      this.#resizes.observe(editor.element);
+      this.#draw();
+      this.#scrollTo(index);
+    }
+    this.#open.get(key).focus();
+  }
+
+  /** Closes an open row; where its editor had the focus, the list has it now. */
+  close(key) {
+    const { element: editor } = this.#open.get(key);
+    const row = this.#rows.get(key);
+    const hadFocus = editor.contains(document.activeElement);
+    this.#open.delete(key);
+    row.classList.remove('open');
+    row.ariaExpanded = false;
+    this.#resizes.unobserve(editor);
+    editor.remove();
     if (hadFocus) {
+      this.#activeKey = this.#indexOf.has(key) ? key : null;
       this.#grid.focus();
     }
-    this.#onClose();
+    this.#onClose(key);
   }
 
-  #removeEditor() {
-    if (!this.#open) {
-      return;
-    }
-    const row = this.#rows.get(this.#open.key);
-    row.classList.remove('open');
-    this.#resizes.unobserve(this.#open.editor.element);
-    this.#open.editor.element.remove();
-    this.#open = null;
+  closeAll() {
+    [...this.#open.keys()].forEach((key) => this.close(key));
   }
 }

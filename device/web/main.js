@@ -1,15 +1,21 @@
 import { Editor } from './editor.js';
 import { element } from './element.js';
 import { PropertyList } from './list.js';
-import { Properties, groupOf, isState } from './properties.js';
+import { Properties, isState, patternOf, patternsFor } from './properties.js';
 import { Service } from './service.js';
 
 const CONNECTION_WORDS = {
   'connecting': 'Connecting',
-  'refused': 'Broker refuses this address',
-  'broker-away': 'Broker away, trying again',
-  'service-away': 'Service does not answer',
+  'refused': 'Not admitted',
+  'broker-away': 'Broker away',
+  'service-away': 'Service away',
+  'reading': 'Reading',
   'connected': 'Connected',
+};
+const AWAY_SENTENCES = {
+  'refused': 'The broker does not admit this page. Open the address that holds the current password.',
+  'broker-away': 'The broker does not answer. The page keeps trying.',
+  'service-away': 'PropertyService does not answer. The page keeps trying.',
 };
 
 const byId = (id) => document.getElementById(id);
@@ -17,18 +23,20 @@ const filter = byId('filter');
 const properties = new Properties();
 const view = { text: '', group: null, onlyDiffering: false };
 const groupButtons = new Map();
+let connection = 'connecting';
 let isRead = false;
 let stateReading = { key: '', status: '' };
 let frame = 0;
 
+const editors = new Map(); // by key: those of open rows, and those that are not finished
+
 const list = new PropertyList(byId('grid'), {
-  makeEditor: (property) =>
-    new Editor(property, {
-      write: (value) => write(property.key, value),
-      reset: () => reset(property.key),
-      onClose: () => list.close(),
-    }),
-  onClose: schedule,
+  editorOf,
+  isUnsaved: (key) => editors.get(key)?.isUnsaved ?? false,
+  onClose: (key) => {
+    dropFinished(key);
+    schedule();
+  },
 });
 
 const service = new Service(document.body.dataset.broker, location.hash.slice(1), {
@@ -36,80 +44,132 @@ const service = new Service(document.body.dataset.broker, location.hash.slice(1)
   onChanges: takeChanges,
 });
 
-async function write(key, value) {
-  const { status } = await service.request({ method: 'setV', param: key, value });
-  if (status === 'Ok') {
-    takeChanges({ [key]: value });
+function editorOf(property) {
+  const { key } = property;
+  if (!editors.has(key)) {
+    const editor = new Editor(property, {
+      write: (value) => ask({ method: 'setV', param: key, value }),
+      reset: () => ask({ method: 'resetVal', param: key }),
+      onEdit: () => edited(key),
+      onClose: () => list.close(key),
+    });
+    editors.set(key, editor);
   }
+  return editors.get(key);
+}
+
+async function ask(request) {
+  const { status } = await service.request(request);
   return status;
 }
 
-async function reset(key) {
-  const { status } = await service.request({ method: 'resetVal', param: key });
-  return status;
-}
-
-function connectionChanged(state) {
-  const connection = byId('connection');
-  connection.dataset.state = state;
-  connection.textContent = CONNECTION_WORDS[state];
-  document.body.dataset.state = state;
-  if (state === 'connected') {
-    readAll().catch(() => {}); // the service is away again: it is read when it is back
+function edited(key) {
+  dropFinished(key);
+  if (properties.get(key)) {
+    list.refresh(properties.get(key), false);
   }
   schedule();
 }
 
-// All columns of all properties may exceed the 1 MiB that a reply has room for: one request for the keys, one for each
-// group.
+function dropFinished(key) {
+  if (!list.open.has(key) && editors.get(key)?.isFinished) {
+    editors.delete(key);
+  }
+}
+
+function unsavedKeys() {
+  return [...editors.keys()].filter((key) => editors.get(key).isUnsaved && properties.get(key));
+}
+
+// Until everything has been read anew, what is shown may be old.
+async function connectionChanged(state) {
+  showConnection(state === 'connected' ? 'reading' : state);
+  if (state === 'connected') {
+    try {
+      await readAll();
+    } catch {
+      return; // the service is away again: it is read when it is back
+    }
+    if (connection === 'reading') {
+      showConnection('connected');
+    }
+  }
+}
+
+function showConnection(state) {
+  connection = state;
+  const sentence = AWAY_SENTENCES[state];
+  byId('connection').dataset.state = state;
+  byId('connection').textContent = CONNECTION_WORDS[state];
+  if (sentence) {
+    const asOf = isRead ? ` What is shown is as of ${service.lastHeard.toLocaleTimeString()}.` : '';
+    byId('banner').textContent = sentence + asOf;
+  } else if (state === 'connected') {
+    byId('banner').textContent = '';
+  }
+  byId('banner').dataset.state = state;
+  document.title = sentence ? `${CONNECTION_WORDS[state]} – Properties` : 'Properties';
+  schedule();
+}
+
+// All columns of all properties may exceed the 1 MiB that a reply has room for: the keys first, then some of them each.
 async function readAll() {
   const keys = (await service.list('%', 'key')).map(({ key }) => key);
+  const unread = new Set(keys);
+  const read = async (pattern) => {
+    const rows = await service.list(pattern);
+    takeRows(rows);
+    rows.forEach(({ key }) => unread.delete(key));
+  };
   properties.retain(keys);
-  for (const pattern of new Set(keys.map(namesOfGroup))) {
-    takeRows(await service.list(pattern));
+  for (const pattern of new Set(patternsFor(keys))) {
+    await read(pattern);
+  }
+  for (const key of unread) {
+    await read(patternOf(key));
   }
   for (const key of properties.stateKeys()) {
     await readState(key);
   }
   isRead = true;
-  schedule();
-}
-
-// The pattern for all keys of a key's group, or the key itself. Only the first "%" of a pattern is a wildcard.
-function namesOfGroup(key) {
-  const group = groupOf(key);
-  if (group === '') {
-    return key;
-  }
-  const [start, ...rest] = group.split('%');
-  return `${start.replaceAll(/[.[\]*^$\\]/g, '\\$&')}${rest.length ? '' : '\\.'}%`;
 }
 
 async function readState(key) {
   const { status, result } = await service.request({ method: 'getV', param: key });
-  takeChanges({ [key]: status === 'Ok' ? result : null });
+  takeChanges({ [key]: status === 'Ok' ? (result ?? '') : null }, true);
   stateReading = { key, status };
 }
 
 function takeRows(rows) {
   for (const row of rows) {
-    const isNew = properties.put(row);
-    list.refresh(properties.get(row.key), isNew);
+    show(row.key, properties.put(row), true);
+  }
+}
+
+function takeChanges(changes, wasRead = false) {
+  for (const [key, announced] of Object.entries(changes)) {
+    const value = textOf(announced);
+    if (announced === null && isState(key)) {
+      properties.remove(key);
+    } else if (properties.get(key)) {
+      show(key, properties.setValue(key, value), wasRead);
+    } else if (isState(key)) {
+      properties.put({ key, value });
+    }
   }
   schedule();
 }
 
-function takeChanges(changes) {
-  for (const [key, value] of Object.entries(changes)) {
-    if (value === null) {
-      properties.remove(key);
-    } else if (properties.get(key)) {
-      const isNew = properties.setValue(key, String(value));
-      list.refresh(properties.get(key), isNew);
-    } else if (isState(key)) {
-      properties.put({ key, value: String(value) });
-    }
-  }
+/** An announced value: null for one that was cleared; a number, for example, where one was written. */
+function textOf(announced) {
+  const value = announced ?? '';
+  return typeof value === 'string' ? value : JSON.stringify(value);
+}
+
+function show(key, isNew, wasRead) {
+  const property = properties.get(key);
+  list.refresh(property, isNew);
+  editors.get(key)?.refresh(property, wasRead);
   schedule();
 }
 
@@ -121,17 +181,20 @@ function schedule() {
 }
 
 function draw() {
-  const { rows, groups, differing } = properties.select(view, list.openKey);
+  const { rows, groups, differing } = properties.select(view, list.open);
   list.show(rows);
   drawGroups(groups);
   byId('differing-count').textContent = differing;
-  byId('count').textContent = isRead ? `${rows.length} of ${properties.size}` : 'Reading';
+  byId('count').textContent = isRead ? `${rows.length} of ${properties.size}` : '';
+  const unsaved = unsavedKeys().length;
+  byId('unsaved').textContent = `${unsaved} unsaved`;
+  byId('unsaved').hidden = unsaved === 0;
   drawEmpty(rows.length === 0);
 }
 
 function drawGroups(counts) {
   const total = [...counts.values()].reduce((sum, count) => sum + count, 0);
-  const wanted = [[null, total], ...[...counts].filter(([group]) => group !== '')];
+  const wanted = [[null, total], ...counts];
   if (wanted.length !== groupButtons.size || wanted.some(([group]) => !groupButtons.has(group))) {
     makeGroupButtons(wanted.map(([group]) => group));
   }
@@ -139,18 +202,37 @@ function drawGroups(counts) {
     const button = groupButtons.get(group);
     button.querySelector('.count').textContent = count;
     button.classList.toggle('none', count === 0);
-    button.setAttribute('aria-current', group === view.group);
+    button.ariaCurrent = group === view.group;
+    button.tabIndex = group === view.group ? 0 : -1;
   }
 }
 
 function makeGroupButtons(groups) {
   groupButtons.clear();
   for (const group of groups) {
-    const name = element('span', {}, group ?? 'All');
+    const name = element('span', {}, group === null ? 'All' : group || 'Without a group');
     groupButtons.set(group, element('button', { type: 'button' }, name, element('span', { className: 'count' })));
     groupButtons.get(group).addEventListener('click', () => changeView({ group }));
   }
-  byId('groups').replaceChildren(...[...groupButtons.values()].map((button) => element('li', {}, button)));
+  byId('groups').replaceChildren(...groupButtons.values());
+}
+
+// One stop of Tab, the current group; the arrows go on from there.
+function walkGroups(event) {
+  const buttons = [...groupButtons.values()];
+  const at = buttons.indexOf(event.target);
+  const next = {
+    ArrowUp: at - 1,
+    ArrowLeft: at - 1,
+    ArrowDown: at + 1,
+    ArrowRight: at + 1,
+    Home: 0,
+    End: buttons.length - 1,
+  }[event.key];
+  if (buttons[next]) {
+    event.preventDefault();
+    buttons[next].focus();
+  }
 }
 
 function drawEmpty(isEmpty) {
@@ -167,10 +249,21 @@ function drawEmpty(isEmpty) {
   readButton.hidden = !isStateKey || wasRead;
 }
 
+// Closes what is open, which keeps what is unsaved: else it would be shown, whatever the view.
 function changeView(change) {
   Object.assign(view, change);
+  list.closeAll();
   list.scrollToTop();
   schedule();
+}
+
+// Shows the property whatever the view.
+function openRow(key) {
+  filter.value = '';
+  byId('differing').checked = false;
+  changeView({ text: '', group: null, onlyDiffering: false });
+  draw();
+  list.openRow(key);
 }
 
 filter.addEventListener('input', () => changeView({ text: filter.value }));
@@ -185,6 +278,13 @@ filter.addEventListener('keydown', (event) => {
     return;
   }
   event.preventDefault();
+});
+byId('groups').addEventListener('keydown', walkGroups);
+byId('unsaved').addEventListener('click', () => openRow(unsavedKeys()[0]));
+addEventListener('beforeunload', (event) => {
+  if (unsavedKeys().length) {
+    event.preventDefault();
+  }
 });
 byId('differing').addEventListener('change', ({ target }) => changeView({ onlyDiffering: target.checked }));
 byId('empty').querySelector('button').addEventListener('click', () => readState(view.text.trim()).catch(() => {}));

@@ -1,5 +1,7 @@
 // What the page knows of the properties, and which of them it shows.
 
+const MOST_ROWS = 128; // with values of any 256 characters their reply stays within the 1 MiB that it has room for
+
 const keyOrder = new Intl.Collator('en', { numeric: true });
 
 /** What stands before the first "."; empty for a key without one. */
@@ -19,6 +21,31 @@ export function differs(property) {
   return property.defaultvalues !== undefined && property.value !== property.defaultvalues;
 }
 
+/** The pattern for the key alone, or, with `isStart`, for all keys that begin so. Only its first "%" is a wildcard. */
+export function patternOf(key, isStart = false) {
+  if (!isStart && !key.includes('%')) {
+    return key;
+  }
+  const [start] = key.split('%', 1);
+  return `${start.replaceAll(/[.[\]*^$\\]/g, '\\$&')}%`;
+}
+
+/** Patterns for the keys, all of which begin with `start`; those of each fit into one reply. They may leave some out. */
+export function patternsFor(keys, start = '') {
+  if (keys.length <= MOST_ROWS) {
+    return [patternOf(start, true)];
+  }
+  const keysByStart = new Map();
+  for (const key of keys.filter(({ length }) => length > start.length)) {
+    const longer = start + String.fromCodePoint(key.codePointAt(start.length));
+    if (!keysByStart.has(longer)) {
+      keysByStart.set(longer, []);
+    }
+    keysByStart.get(longer).push(key);
+  }
+  return [...keysByStart].flatMap(([longer, some]) => patternsFor(some, longer));
+}
+
 /** Whether, by its name, the value is a password: the list hides it, the editor shows it. */
 export function isSecret(key) {
   return /(password|pin)$/i.test(key);
@@ -34,7 +61,7 @@ function searchText({ key, value, webui, provisioning, tr069 }) {
  */
 export class Properties {
   #byKey = new Map();
-  #inOrder = [];
+  #keysInOrder = [];
   #isOrdered = true;
   #lastNumber = 0;
 
@@ -61,7 +88,7 @@ export class Properties {
     };
     property.searchText = searchText(property);
     this.#byKey.set(row.key, property);
-    this.#isOrdered = false;
+    this.#isOrdered &&= before !== undefined;
     return before !== undefined && before.value !== property.value;
   }
 
@@ -93,7 +120,7 @@ export class Properties {
 
   /**
    * Which properties to show, and how many each group has among those that the text and the toggle leave.
-   * `text`: words that all occur in key, value or an alias. `group`: null for all. `kept`: a key that is shown anyway.
+   * `text`: words that all occur in key, value or an alias. `group`: null for all. `kept`: a set of keys that are shown anyway.
    */
   select({ text, group, onlyDiffering }, kept) {
     const words = text.toLowerCase().split(/\s+/);
@@ -101,7 +128,7 @@ export class Properties {
     const groups = new Map();
     let differing = 0;
     for (const property of this.#ordered()) {
-      const isKept = property.key === kept;
+      const isKept = kept.has(property.key);
       const count = groups.get(property.group) ?? 0;
       groups.set(property.group, count);
       if (!isKept && !words.every((word) => property.searchText.includes(word))) {
@@ -124,9 +151,9 @@ export class Properties {
 
   #ordered() {
     if (!this.#isOrdered) {
-      this.#inOrder = [...this.#byKey.values()].sort((a, b) => keyOrder.compare(a.key, b.key));
+      this.#keysInOrder = [...this.#byKey.keys()].sort(keyOrder.compare);
       this.#isOrdered = true;
     }
-    return this.#inOrder;
+    return this.#keysInOrder.map((key) => this.#byKey.get(key));
   }
 }

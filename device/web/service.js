@@ -2,6 +2,9 @@
 
 import mqtt from './mqtt.js';
 
+const CHANGES_TOPIC = 'prop-service-groupnotify/any';
+const PRESENCE_TOPIC = 'services/prop-service/online';
+
 const PING_INTERVAL_MS = 2000;
 const PING_TIMEOUT_MS = 2000;
 const REQUEST_TIMEOUT_MS = 5000;
@@ -29,19 +32,30 @@ function randomName() {
   return `web-${Array.from(bytes, (byte) => byte.toString(16).padStart(2, '0')).join('')}`;
 }
 
-/** The service did not answer: whether it did what was asked is unknown. */
-export class NoAnswer extends Error {}
+/** The service did not answer. `mayBeDone`: the request was sent, so that what it asks for may have been done. */
+export class NoAnswer extends Error {
+  constructor(reason, mayBeDone) {
+    super(`${reason}; ${mayBeDone ? 'it may have been done' : 'nothing was sent'}.`);
+    this.mayBeDone = mayBeDone;
+  }
+}
 
 /**
  * Replies carry no identifier, so there is one request at a time, and the next reply is its reply. After a request
  * that was not answered in time that no longer holds; then the question whether the service is alive, whose answer
- * looks like no other, has to be answered before replies count again.
+ * looks like no other, has to be answered before replies count again. When it has been, all earlier requests have been
+ * served, too, as far as they will be.
+ *
+ * The service's presence tells at once that it has gone, and that it has started again. A broker that does not tell the
+ * presence is made up for by asking every few seconds.
  *
  * `onState` is told "connecting", "refused" (the broker does not admit the page), "broker-away", "service-away" or
  * "connected"; each "connected" means that changes may have been missed before it. `onChanges` gets an object of keys
  * and values, null for a key that was removed.
  */
 export class Service {
+  /** When the bus last told anything of the service; null before. */
+  lastHeard = null;
   #name = randomName();
   #client;
   #onState;
@@ -49,6 +63,7 @@ export class Service {
   #state = 'connecting';
   #awaited = null; // { accepts(reply), resolve(reply), reject(error) }
   #isInStep = false;
+  #isPresent = true; // until it is heard not to be
   #queueEnd = Promise.resolve();
   #queueLength = 0;
 
@@ -74,17 +89,26 @@ export class Service {
         this.#setState('refused');
       }
     });
-    this.#client.on('message', (topic, payload) => this.#received(topic, payload));
+    this.#client.on('message', (topic, payload, { retain }) => this.#received(topic, payload, retain));
     setInterval(() => this.#ping(), PING_INTERVAL_MS);
   }
 
   /** The reply; throws NoAnswer. Requests are sent in the order of the calls. */
   request(body) {
     return this.#inTurn(async () => {
-      if (!this.#isInStep) {
-        await this.#synchronise();
+      if (!this.#isPresent) {
+        throw new NoAnswer('PropertyService is not running', false);
       }
-      return this.#exchange(body, (reply) => !isLivenessAnswer(reply), REQUEST_TIMEOUT_MS);
+      let isSent = false;
+      try {
+        if (!this.#isInStep) {
+          await this.#synchronise();
+        }
+        isSent = true;
+        return await this.#exchange(body, (reply) => !isLivenessAnswer(reply), REQUEST_TIMEOUT_MS);
+      } catch (error) {
+        throw new NoAnswer(error.message, isSent);
+      }
     });
   }
 
@@ -109,25 +133,30 @@ export class Service {
 
   #ping() {
     if (this.#client.connected && this.#queueLength === 0) {
-      this.#inTurn(() => this.#synchronise()).catch(() => {});
+      this.#askWhetherAlive();
     }
+  }
+
+  #askWhetherAlive() {
+    this.#inTurn(() => this.#synchronise()).catch(() => {});
   }
 
   async #synchronise() {
     await this.#exchange(LIVENESS_QUESTION, isLivenessAnswer, PING_TIMEOUT_MS);
     this.#isInStep = true;
+    this.#isPresent = true;
     this.#setState('connected');
   }
 
   #exchange(body, accepts, timeoutMs) {
     return new Promise((resolve, reject) => {
       if (!this.#client.connected) {
-        reject(new NoAnswer('the broker is away'));
+        reject(new Error('The broker is away'));
         return;
       }
       const timer = setTimeout(() => {
         this.#setState('service-away');
-        this.#giveUp('the service does not answer');
+        this.#giveUp('PropertyService does not answer');
       }, timeoutMs);
       const end = (settle) => (result) => {
         clearTimeout(timer);
@@ -142,27 +171,45 @@ export class Service {
 
   #giveUp(reason) {
     this.#isInStep = false;
-    this.#awaited?.reject(new NoAnswer(reason));
+    this.#awaited?.reject(new Error(reason));
   }
 
   #connected() {
-    const topics = [`prop-service/${this.#name}`, 'prop-service-groupnotify/any'];
+    const topics = [`prop-service/${this.#name}`, CHANGES_TOPIC, PRESENCE_TOPIC];
     this.#client.subscribe(topics, { qos: 1 }, () => this.#ping());
   }
 
   #closed() {
-    this.#giveUp('the broker is away');
+    this.#giveUp('The connection to the broker was lost');
     if (this.#state !== 'refused') {
       this.#setState('broker-away');
     }
   }
 
-  #received(topic, payload) {
-    const message = parseObject(new TextDecoder().decode(payload));
-    if (topic === 'prop-service-groupnotify/any') {
+  #received(topic, payload, isRetained) {
+    const text = new TextDecoder().decode(payload);
+    this.lastHeard = new Date();
+    if (topic === PRESENCE_TOPIC) {
+      this.#presenceChanged(text === '1', isRetained);
+      return;
+    }
+    const message = parseObject(text);
+    if (topic === CHANGES_TOPIC) {
       this.#onChanges(message);
     } else if (this.#awaited?.accepts(message)) {
       this.#awaited.resolve(message);
+    }
+  }
+
+  #presenceChanged(isPresent, isRetained) {
+    this.#isPresent = isPresent;
+    if (isPresent && isRetained) {
+      return; // it has been there for a while
+    }
+    this.#setState('service-away');
+    this.#giveUp(`PropertyService ${isPresent ? 'has started again' : 'is not running'}`);
+    if (isPresent) {
+      this.#askWhetherAlive();
     }
   }
 

@@ -15,6 +15,23 @@ export function flagsOf(property) {
   return FLAGS.filter(({ bit }) => property.flags & bit);
 }
 
+// Control characters, and those that show nothing or turn the direction of what follows; but not the joiners of scripts.
+const UNSEEN = /[\u0000-\u0008\u000b-\u001f\u007f-\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g;
+
+function nameOf(character) {
+  return `U+${character.charCodeAt(0).toString(16).toUpperCase().padStart(4, '0')}`;
+}
+
+/** The text on one line, with names for what would not be seen. */
+export function visible(text) {
+  return text.replaceAll(/\r\n|\r|\n/g, '⏎').replaceAll(UNSEEN, (character) => `⟨${nameOf(character)}⟩`);
+}
+
+/** The names of the characters in it that are not seen, each once. */
+export function unseenIn(text) {
+  return [...new Set(text.match(UNSEEN))].map(nameOf);
+}
+
 export function allowedValues(property) {
   return property.enum === undefined ? [] : property.enum.split(',').filter((value) => value !== '');
 }

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 
 import { pageTest } from './support/fixture.mjs';
-import { answerShown, edit, isRead, shownKeys, valueShown } from './support/questions.mjs';
+import { answerShown, edit, focusIsOn, isRead, shownKeys, valueShown } from './support/questions.mjs';
 
 /** Opens the property, saves `value`, and waits for the answer. */
 async function save(page, key, value) {
@@ -72,14 +72,81 @@ pageTest('offers no writing of a read-only property', async ({ page }) => {
   assert.equal(await page.ask(() => document.querySelector('.editor textarea').readOnly), true);
 });
 
-pageTest('shows the answer about a property that became read-only', async ({ page, device }) => {
+pageTest('offers no writing of an open property any more once it has become read-only', async ({ page, device }) => {
+  await edit(page, 'Audio.Volume');
   await device.stopDaemon();
   await device.query(`UPDATE settings SET flags = flags | 1 WHERE key = 'Audio.Volume'`);
   await device.startDaemon();
 
-  const answer = await save(page, 'Audio.Volume', '8');
+  await page.until(() => document.querySelector('.editor textarea').readOnly);
+  await page.press('8', 'Enter');
+  assert.ok(await page.ask(() => document.querySelector('.editor [type=submit]').disabled));
+  assert.match(await page.ask(() => document.querySelector('.answer').textContent), /^Read-only: /);
+});
 
-  assert.equal(answer, 'ReadOnly Read-only: requests cannot write it.');
+pageTest('keeps unsaved text when its row or the page is left, until it is discarded', async ({ page }) => {
+  const row = '.row[data-key="Audio.Volume"]';
+  const text = () => document.querySelector('.editor textarea').value;
+  const marked = () => document.querySelector('.row.unsaved .value') && document.querySelector('#unsaved').textContent;
+  await page.click(`${row} .key`);
+  await page.until(focusIsOn, '.editor textarea');
+  await page.type('3');
+  assert.equal(await page.until(marked), '1 unsaved');
+
+  await page.click('.row[data-key="Audio.KeyClick"] .key');
+  await page.until(() => document.querySelectorAll('.editor').length === 2);
+  await page.click(`${row} .key`);
+  await page.until(() => !document.querySelector('.row[data-key="Audio.Volume"] .editor'));
+  assert.equal(await page.until(marked), '1 unsaved');
+  await page.click('#groups button:nth-child(3)');
+  await page.until(() => document.querySelector('.row').dataset.key.startsWith('Display.'));
+  await page.click('#unsaved');
+  await page.until(focusIsOn, `${row} textarea`);
+  assert.equal(await page.ask(text), '3');
+
+  const asked = page.nextDialog();
+  page.open('about:blank'); // which does not load
+  assert.equal((await asked).type, 'beforeunload');
+  await page.send('Page.handleJavaScriptDialog', { accept: false });
+  assert.equal(await page.ask(text), '3');
+
+  await page.press('Escape');
+  await page.until(() => !document.querySelector('.unsaved') && document.querySelector('#unsaved').hidden);
+  await page.open('about:blank');
+});
+
+pageTest('a double click opens, and what opens or closes moves no row under the pointer', async ({ page }) => {
+  const placeOf = (key) => document.querySelector(`.row[data-key="${key}"] .key`).getBoundingClientRect().top;
+  await page.click('.row[data-key="Audio.AGC.TargetLevel"] .key', 2);
+  await page.until(focusIsOn, '.row[data-key="Audio.AGC.TargetLevel"] textarea');
+  const before = await page.ask(placeOf, 'Audio.KeyClick');
+
+  await page.click('.row[data-key="Audio.KeyClick"] .key');
+
+  await page.until(focusIsOn, '.row[data-key="Audio.KeyClick"] textarea');
+  assert.equal(await page.ask(placeOf, 'Audio.KeyClick'), before);
+});
+
+pageTest('shows an answer only beside the text that it is about', async ({ page, device }) => {
+  const shown = () => {
+    const { textContent, dataset } = document.querySelector('.answer');
+    return [textContent, dataset.kind, document.querySelector('.editor textarea').ariaInvalid];
+  };
+  assert.equal(await save(page, 'Audio.Volume', '8'), 'Ok Saved.');
+  await page.type('9');
+  assert.deepEqual(await page.ask(shown), ['Not saved yet. Enter saves, Esc discards.', '', 'false']);
+
+  await page.press('Enter');
+  await page.until(answerShown, 'refused');
+  assert.deepEqual((await page.ask(shown)).slice(1), ['refused', 'true']);
+  await page.press('Backspace');
+  assert.deepEqual(await page.ask(shown), ['Enter saves, Esc closes.', '', 'false']);
+
+  await page.press('Enter');
+  await page.until(answerShown, 'ok');
+  await device.set('Audio.Volume', '4');
+  await page.until(() => document.querySelector('.editor textarea').value === '4');
+  assert.deepEqual(await page.ask(shown), ['Enter saves, Esc closes.', '', 'false']);
 });
 
 pageTest('resets to the default', async ({ page, device }) => {
@@ -140,13 +207,13 @@ pageTest('follows a change elsewhere while nothing was typed', async ({ page, de
   await page.until(() => document.querySelector('.editor textarea').value === '9');
 });
 
-pageTest('says that there was no answer, and the write is not made later', async ({ page, device }) => {
+pageTest('sends nothing to a daemon that is not running, and the write is not made later', async ({ page, device }) => {
   await edit(page, 'Audio.Volume');
   await device.stopDaemon();
   await page.type('8');
   await page.press('Enter');
 
-  assert.match(await page.until(answerShown, 'refused'), /^No answer the service does not answer/);
+  assert.match(await page.until(answerShown, 'refused'), /^No answer PropertyService is not running; nothing was sent\.$/);
   await device.startDaemon();
   await page.until(isRead);
   assert.equal(await device.valueOf('Audio.Volume'), '5');

@@ -68,14 +68,15 @@ pageTest('tells assistive technology which row is active', async ({ page }) => {
   assert.deepEqual([named, rowIndex, rowCount], ['Audio.AGC.TargetLevel', '3', '222']);
 });
 
-pageTest('reaches everything with Tab, and shows where it is', async ({ page }) => {
+pageTest('reaches the list with four presses of Tab, and shows where it is', async ({ page }) => {
   const stops = [];
   for (let stop = 0; stop < 4; ++stop) {
     await page.press('Tab');
     stops.push(
       await page.ask(() => {
         const focused = document.activeElement;
-        return [focused.id || focused.textContent, getComputedStyle(focused).outlineStyle];
+        const shown = focused.id === 'grid' ? document.querySelector('.row.active') : focused;
+        return [focused.id || focused.textContent, getComputedStyle(shown).outlineStyle];
       }),
     );
   }
@@ -84,7 +85,7 @@ pageTest('reaches everything with Tab, and shows where it is', async ({ page }) 
     ['filter', 'solid'],
     ['differing', 'solid'],
     ['All221', 'solid'],
-    ['Audio16', 'solid'],
+    ['grid', 'solid'],
   ]);
 });
 
@@ -95,7 +96,7 @@ pageTest('marks the active row while the list has the focus', async ({ page }) =
 });
 
 pageTest('chooses a group and the toggle with the keyboard', async ({ page }) => {
-  await page.press('Tab', 'Tab', 'Space', 'Tab', 'Tab', 'Enter');
+  await page.press('Tab', 'Tab', 'Space', 'Tab', 'ArrowDown', 'Enter');
 
   await page.until(countShown, '0 of 221');
   assert.ok(await page.ask(() => document.querySelector('#differing').checked));
@@ -108,7 +109,7 @@ pageTest('types a slash where text is edited', async ({ page }) => {
   await page.until(countShown, '1 of 221');
 });
 
-pageTest('names everything that can be operated', async ({ page }) => {
+pageTest('names everything that can be operated, the field by its key, and says which rows are open', async ({ page }) => {
   await page.press('/');
   await page.type('Display.Theme');
   await page.until(countShown, '1 of 221');
@@ -116,8 +117,23 @@ pageTest('names everything that can be operated', async ({ page }) => {
   await page.until(stateShown, 'connected');
 
   const { nodes } = await page.send('Accessibility.getFullAXTree');
-  const roles = ['button', 'checkbox', 'grid', 'searchbox', 'textbox'];
+  const roles = ['button', 'checkbox', 'searchbox', 'textbox', 'treegrid'];
   const operated = nodes.filter(({ role }) => roles.includes(role?.value));
   assert.ok(operated.length > 15);
   assert.deepEqual(operated.filter(({ name }) => !name?.value), []);
+  assert.deepEqual(
+    operated.filter(({ role }) => role.value === 'textbox').map(({ name }) => name.value),
+    ['Display.Theme'],
+  );
+
+  await page.press('Escape', '/');
+  await page.type('Display.');
+  await page.until(countShown, '5 of 221');
+  await page.press('ArrowDown', 'Home', 'ArrowDown', 'Enter');
+  await page.until(focusIsOn, '.editor textarea');
+  const { nodes: later } = await page.send('Accessibility.getFullAXTree');
+  const expanded = later.flatMap(({ role, properties = [] }) =>
+    role?.value === 'row' ? properties.filter(({ name }) => name === 'expanded').map(({ value }) => value.value) : [],
+  );
+  assert.deepEqual(expanded, [false, true, false, false, false]);
 });

@@ -29,6 +29,17 @@ pageTest('shows several changes of one request', async ({ page, device }) => {
   await page.until(valueShown, 'Audio.KeyClick', '0');
 });
 
+pageTest('keeps a property that is cleared elsewhere', async ({ page, device }) => {
+  await device.set('System.General.Location', 'here');
+  await edit(page, 'System.General.Location');
+  await page.until(valueShown, 'System.General.Location', 'here');
+
+  await device.request({ method: 'setV', param: 'System.General.Location' });
+
+  await page.until(valueShown, 'System.General.Location', 'empty');
+  assert.ok(await page.ask(countShown, '1 of 221'));
+});
+
 pageTest('shows a State key from its first change until it is removed', async ({ page, device }) => {
   await device.set('State.Call.Count', '2');
   await page.until(countShown, '222 of 222');
@@ -64,6 +75,27 @@ pageTest('says that the daemon is away, and reads what it holds when it is back'
   await page.until(valueShown, 'Audio.Volume', '9');
 });
 
+pageTest('says "Connected" after a short restart of the daemon only beside what it holds now', async ({ page, device }) => {
+  await page.ask(() => {
+    const volume = () => document.querySelector('.row[data-key="Audio.Volume"] .value').textContent;
+    window.seen = [];
+    new MutationObserver(() => seen.push([document.querySelector('#connection').dataset.state, volume()])).observe(
+      document.querySelector('#connection'),
+      { attributes: true },
+    );
+  });
+  await device.stopDaemon();
+  await device.query(`UPDATE settings SET value = '9' WHERE key = 'Audio.Volume'`);
+  await device.startDaemon();
+
+  await page.until(valueShown, 'Audio.Volume', '9');
+  await page.until(stateShown, 'connected');
+  assert.deepEqual(
+    (await page.ask(() => seen)).filter(([state]) => state === 'connected'),
+    [['connected', '9']],
+  );
+});
+
 const connectionRefused = /^WebSocket connection to 'ws:\/\/127\.0\.0\.1:9001\/' failed/;
 
 pageTest(
@@ -83,6 +115,39 @@ pageTest(
 );
 
 pageTest(
+  'says of a write without an answer whether it was done, as soon as it sees',
+  async ({ page, device }) => {
+    const losesWhatWasSent = () => device.stopBroker('SIGKILL').then(() => device.startBroker());
+    // A write that waits for the answer to a question of the page's own is not sent; so it follows one that has been answered.
+    await page.ask(() => {
+      const { send } = WebSocket.prototype;
+      WebSocket.prototype.send = function (data) {
+        window.askedAt = new TextDecoder().decode(data).includes('alive') ? performance.now() : window.askedAt;
+        return send.call(this, data);
+      };
+    });
+    const hasJustAsked = () => performance.now() - window.askedAt > 50 && performance.now() - window.askedAt < 500;
+    for (const [value, goOn, outcome] of [
+      ['8', () => device.resumeBroker(), 'Ok Saved after all.'],
+      ['7', losesWhatWasSent, 'Not saved The value is 8.'],
+    ]) {
+      await page.until(stateShown, 'connected');
+      await edit(page, 'Audio.Volume');
+      await page.type(value);
+      await page.until(hasJustAsked);
+      device.pauseBroker();
+      await page.press('Enter');
+      assert.match(await page.until(answerShown, 'refused'), /^No answer .* it may have been done\.$/);
+      await goOn();
+
+      await page.until((text) => document.querySelector('.answer').textContent === text, outcome);
+      await page.press('Escape');
+    }
+  },
+  { tolerated: connectionRefused },
+);
+
+pageTest(
   'answers an edit at once while the broker is away',
   async ({ page, device }) => {
     await edit(page, 'Audio.Volume');
@@ -92,7 +157,7 @@ pageTest(
     await page.type('8');
     await page.press('Enter');
 
-    assert.match(await page.until(answerShown, 'refused'), /^No answer the broker is away/);
+    assert.match(await page.until(answerShown, 'refused'), /^No answer The broker is away; nothing was sent\.$/);
   },
   { tolerated: connectionRefused },
 );

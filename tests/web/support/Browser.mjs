@@ -10,6 +10,7 @@ import { eventually } from './eventually.mjs';
 const KEYS = {
   Enter: { code: 'Enter', windowsVirtualKeyCode: 13, text: '\r' },
   Escape: { code: 'Escape', windowsVirtualKeyCode: 27 },
+  Backspace: { code: 'Backspace', windowsVirtualKeyCode: 8 },
   Tab: { code: 'Tab', windowsVirtualKeyCode: 9 },
   Space: { key: ' ', code: 'Space', windowsVirtualKeyCode: 32, text: ' ' },
   PageDown: { code: 'PageDown', windowsVirtualKeyCode: 34 },
@@ -115,6 +116,7 @@ export class Page {
   #sessionId;
   #targetId;
   #onLoad = () => {};
+  #onDialog = () => {};
   complaints = [];
 
   constructor(browser, sessionId, targetId) {
@@ -135,6 +137,13 @@ export class Page {
     });
     await this.send('Page.navigate', { url });
     await loaded;
+  }
+
+  /** What the browser asks the user next. */
+  nextDialog() {
+    return new Promise((resolve) => {
+      this.#onDialog = resolve;
+    });
   }
 
   close() {
@@ -168,14 +177,16 @@ export class Page {
     return this.press(...text);
   }
 
-  /** Clicks the middle of what `selector` finds first. */
-  async click(selector) {
+  /** Clicks, `times` in a row, the middle of what `selector` finds first. */
+  async click(selector, times = 1) {
     const place = await this.until((sought) => {
       const box = document.querySelector(sought)?.getBoundingClientRect();
       return box && box.width > 0 && { x: box.x + box.width / 2, y: box.y + box.height / 2 };
     }, selector);
-    for (const type of ['mousePressed', 'mouseReleased']) {
-      await this.send('Input.dispatchMouseEvent', { type, ...place, button: 'left', clickCount: 1 });
+    for (let clickCount = 1; clickCount <= times; ++clickCount) {
+      for (const type of ['mousePressed', 'mouseReleased']) {
+        await this.send('Input.dispatchMouseEvent', { type, ...place, button: 'left', clickCount });
+      }
     }
   }
 
@@ -197,6 +208,9 @@ export class Page {
     switch (method) {
       case 'Page.loadEventFired':
         this.#onLoad();
+        break;
+      case 'Page.javascriptDialogOpening':
+        this.#onDialog(params);
         break;
       case 'Runtime.consoleAPICalled':
         this.complaints.push(params.args.map((arg) => arg.value ?? arg.description).join(' '));

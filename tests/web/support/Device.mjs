@@ -63,8 +63,17 @@ export class Device {
     await eventually('the broker listens', async () => (await listens(1883)) && (await listens(9001)));
   }
 
-  stopBroker() {
-    return endChild(this.#broker, 'SIGTERM');
+  stopBroker(signal = 'SIGTERM') {
+    return endChild(this.#broker, signal);
+  }
+
+  /** From here on it answers nobody, though connections to it stay. */
+  pauseBroker() {
+    this.#broker.kill('SIGSTOP');
+  }
+
+  resumeBroker() {
+    this.#broker.kill('SIGCONT');
   }
 
   async startDaemon() {

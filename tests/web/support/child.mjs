@@ -10,6 +10,7 @@ export async function endChild(child, signal) {
   if (child && child.exitCode === null && child.signalCode === null) {
     const ended = new Promise((resolve) => child.once('exit', resolve));
     child.kill(signal);
+    child.kill('SIGCONT'); // a stopped one would never see it
     await ended;
   }
 }
