@@ -1,6 +1,6 @@
 // What the page knows of the properties, and which of them it shows.
 
-const MOST_ROWS = 128; // with values of any 256 characters their reply stays within the 1 MiB that it has room for
+const MOST_ROWS = 256; // in any script of the basic plane their values and defaults stay within a reply's 1 MiB
 
 const keyOrder = new Intl.Collator('en', { numeric: true });
 
@@ -61,8 +61,7 @@ function searchText({ key, value, webui, provisioning, tr069 }) {
  */
 export class Properties {
   #byKey = new Map();
-  #keysInOrder = [];
-  #isOrdered = true;
+  #keysInOrder = new Set(); // may have some that are not known
   #lastNumber = 0;
 
   get(key) {
@@ -88,7 +87,6 @@ export class Properties {
     };
     property.searchText = searchText(property);
     this.#byKey.set(row.key, property);
-    this.#isOrdered &&= before !== undefined;
     return before !== undefined && before.value !== property.value;
   }
 
@@ -105,17 +103,17 @@ export class Properties {
 
   remove(key) {
     this.#byKey.delete(key);
-    this.#isOrdered = false;
   }
 
-  /** Forgets all others but State keys, which cannot be listed. */
+  /** Forgets all others but State keys, which cannot be listed. The keys may be put later. */
   retain(keys) {
-    const known = new Set(keys);
+    const stated = new Set(keys);
     for (const key of this.#byKey.keys()) {
-      if (!known.has(key) && !isState(key)) {
+      if (!stated.has(key) && !isState(key)) {
         this.remove(key);
       }
     }
+    this.#order(stated);
   }
 
   /**
@@ -149,11 +147,15 @@ export class Properties {
     return { rows, groups, differing };
   }
 
+  // Sorting thousands of keys takes long, so it is done for all at once.
+  #order(keys) {
+    this.#keysInOrder = new Set([...new Set([...keys, ...this.#byKey.keys()])].sort(keyOrder.compare));
+  }
+
   #ordered() {
-    if (!this.#isOrdered) {
-      this.#keysInOrder = [...this.#byKey.keys()].sort(keyOrder.compare);
-      this.#isOrdered = true;
+    if ([...this.#byKey.keys()].some((key) => !this.#keysInOrder.has(key))) {
+      this.#order([]);
     }
-    return this.#keysInOrder.map((key) => this.#byKey.get(key));
+    return [...this.#keysInOrder].map((key) => this.#byKey.get(key)).filter((property) => property !== undefined);
   }
 }

@@ -1,24 +1,23 @@
 import assert from 'node:assert/strict';
 
 import { pageTest } from './support/fixture.mjs';
-import { countShown } from './support/questions.mjs';
+import { countShown, stateShown, valueShown } from './support/questions.mjs';
 
 const COUNT = 4096;
 const MOST_ROWS = 60; // of 36 px on a screen of 900, with a margin on both sides
 
-function fillUp(script) {
-  return script.replace(
+const fillUp = (key, value) => (script) =>
+  script.replace(
     'COMMIT;',
     `WITH RECURSIVE line(number) AS (
        SELECT 1 UNION ALL SELECT number + 1 FROM line
        WHERE number < ${COUNT} - (SELECT count(*) FROM settings))
      INSERT INTO settings (key, value, defaultvalues, flags, webui, provisioning, regexp)
-     SELECT printf('Fleet%02d.Extension%04d.DisplayName', number % 24, number), 'value ' || number, 'value ' || number,
-            14, 'FleetName' || number, 'fleet.name.' || number, '^.{0,64}$$'
-     FROM line;
+     SELECT ${key}, ${value}, ${value}, 14, 'FleetName' || number, 'fleet.name.' || number, '^.{0,256}$$' FROM line;
      COMMIT;`,
   );
-}
+const inGroups = fillUp(`printf('Fleet%02d.Extension%04d.DisplayName', number % 24, number)`, `'value ' || number`);
+const longInOneGroup = fillUp(`printf('Fleet.Extension%04d', number)`, `printf('%0256d', number)`);
 
 const rowsInPage = () => document.querySelectorAll('.row').length;
 const isShown = (key) => document.querySelector(`.row[data-key="${key}"]`) !== null;
@@ -75,7 +74,7 @@ pageTest(
     assert.equal(seen, COUNT);
     assert.ok(most <= MOST_ROWS, `${most} rows`);
   },
-  { changeScript: fillUp },
+  { changeScript: inGroups },
 );
 
 pageTest(
@@ -93,5 +92,26 @@ pageTest(
     await page.until(countShown, `4 of ${COUNT}`);
     context.diagnostic(`typing: ${await page.ask(seenFrames)}`);
   },
-  { changeScript: fillUp },
+  { changeScript: inGroups },
 );
+
+for (const [name, changeScript, key, value] of [
+  ['of many groups', inGroups, 'Fleet21.Extension3333.DisplayName', 'value 3333'],
+  ['of one group with values of 256 characters', longInOneGroup, 'Fleet.Extension3333', '3333'.padStart(256, '0')],
+]) {
+  pageTest(
+    `reads 4096 properties ${name}`,
+    async ({ page, context }) => {
+      await page.until(countShown, `${COUNT} of ${COUNT}`);
+      const readAfter = await page.ask(() => Math.round(performance.now()));
+      context.diagnostic(`read: ${readAfter} ms after the page was opened`);
+      await page.until(stateShown, 'connected');
+
+      await page.press('/');
+      await page.type('extension3333');
+
+      await page.until(valueShown, key, value);
+    },
+    { changeScript },
+  );
+}
