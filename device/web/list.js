@@ -11,6 +11,7 @@ function cell(className, ...children) {
 }
 
 function fillText(target, text, hidden) {
+  target.dir = 'auto';
   target.classList.toggle('none', text === '');
   if (text === '') {
     target.textContent = 'empty';
@@ -22,7 +23,7 @@ function fillText(target, text, hidden) {
 function keyCell({ key, group }) {
   const name = group === '' ? key : key.slice(group.length + 1);
   const start = group === '' ? [] : [element('span', { className: 'group' }, `${group}.`)];
-  return cell('key', ...start, element('span', { className: 'name' }, name));
+  return cell('key', element('bdi', { dir: 'ltr', title: key }, ...start, element('span', { className: 'name' }, name)));
 }
 
 function describe(row) {

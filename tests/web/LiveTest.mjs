@@ -11,7 +11,7 @@ pageTest('shows a change made elsewhere, and has it light up', async ({ page, de
 });
 
 pageTest('does not move when motion is not wanted', async ({ page, device }) => {
-  await page.prefer({ 'reduced-motion': 'reduce' });
+  await page.emulate({ 'prefers-reduced-motion': 'reduce' });
 
   await device.set('Audio.Volume', '9');
 

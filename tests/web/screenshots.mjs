@@ -18,7 +18,7 @@ const device = new Device();
 async function takePictures(scheme, width, height) {
   const page = await browser.newPage();
   const take = (name) => page.screenshot(join(directory, `${scheme}-${width}-${name}.png`));
-  await page.prefer({ 'color-scheme': scheme });
+  await page.emulate({ 'prefers-color-scheme': scheme });
   await page.resize(width, height);
   await page.open(device.url);
   await page.until(isRead);

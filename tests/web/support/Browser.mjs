@@ -194,8 +194,9 @@ export class Page {
     return this.send('Emulation.setDeviceMetricsOverride', { width, height, deviceScaleFactor: 1, mobile: false });
   }
 
-  prefer(features) {
-    const list = Object.entries(features).map(([name, value]) => ({ name: `prefers-${name}`, value }));
+  /** Media features and their values. */
+  emulate(features) {
+    const list = Object.entries(features).map(([name, value]) => ({ name, value }));
     return this.send('Emulation.setEmulatedMedia', { features: list });
   }
 
