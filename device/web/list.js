@@ -34,14 +34,15 @@ function describe(row) {
 
 /**
  * The list in `grid`, which scrolls. A row that opens or closes moves only those below it. `editorOf(property)` gives the
- * Editor that an open row shows; `isUnsaved(key)` says whether it has one with unsaved text; `onClose` is told the key of a row that has been closed.
+ * Editor that an open row shows; `isUnsaved(key)` says whether it has one with unsaved text; `onToggle` is told the key of
+ * a row that has been opened or closed.
  */
 export class PropertyList {
   #grid;
   #body;
   #editorOf;
   #isUnsaved;
-  #onClose;
+  #onToggle;
   #properties = [];
   #indexOf = new Map();
   #rows = new Map(); // key -> row element
@@ -50,12 +51,12 @@ export class PropertyList {
   #resizes;
   #frame = 0;
 
-  constructor(grid, { editorOf, isUnsaved, onClose }) {
+  constructor(grid, { editorOf, isUnsaved, onToggle }) {
     this.#grid = grid;
     this.#body = grid.querySelector('[role=rowgroup]');
     this.#editorOf = editorOf;
     this.#isUnsaved = isUnsaved;
-    this.#onClose = onClose;
+    this.#onToggle = onToggle;
     this.#resizes = new ResizeObserver(() => this.#draw());
     this.#resizes.observe(grid);
     grid.addEventListener('scroll', () => this.#schedule(), { passive: true });
@@ -345,6 +346,7 @@ export class PropertyList {
       this.#scrollTo(index);
     }
     this.#open.get(key).focus();
+    this.#onToggle(key);
   }
 
   /** Closes an open row; where its editor had the focus, the list has it now. */
@@ -361,7 +363,7 @@ export class PropertyList {
       this.#activeKey = this.#indexOf.has(key) ? key : null;
       this.#grid.focus();
     }
-    this.#onClose(key);
+    this.#onToggle(key);
   }
 
   closeAll() {

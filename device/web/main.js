@@ -1,8 +1,10 @@
+import { showAddress, storedPassword, takeAddress } from './address.js';
 import { Editor } from './editor.js';
 import { element } from './element.js';
 import { PropertyList } from './list.js';
 import { Properties, isState, patternOf, patternsFor } from './properties.js';
 import { Service } from './service.js';
+import { visible } from './words.js';
 
 const CONNECTION_WORDS = {
   'connecting': 'Connecting',
@@ -18,6 +20,10 @@ const AWAY_SENTENCES = {
   'service-away': 'PropertyService does not answer. The page keeps trying.',
 };
 
+const DEVICE_KEYS = ['NET.General.DeviceNameInNetwork', 'System.General.Variant.Name'];
+
+const ADDRESS_DELAY_MS = 300; // browsers refuse to change the address at each key
+
 const byId = (id) => document.getElementById(id);
 const filter = byId('filter');
 const properties = new Properties();
@@ -27,19 +33,21 @@ let connection = 'connecting';
 let isRead = false;
 let stateReading = { key: '', status: '' };
 let frame = 0;
+let address = takeAddress();
+let addressTimer = 0;
 
 const editors = new Map(); // by key: those of open rows, and those that are not finished
 
 const list = new PropertyList(byId('grid'), {
   editorOf,
   isUnsaved: (key) => editors.get(key)?.isUnsaved ?? false,
-  onClose: (key) => {
+  onToggle: (key) => {
     dropFinished(key);
     schedule();
   },
 });
 
-const service = new Service(document.body.dataset.broker, location.hash.slice(1), {
+const service = new Service(document.body.dataset.broker, storedPassword(), {
   onState: connectionChanged,
   onChanges: takeChanges,
 });
@@ -92,6 +100,7 @@ async function connectionChanged(state) {
     }
     if (connection === 'reading') {
       showConnection('connected');
+      goToAddress();
     }
   }
 }
@@ -102,13 +111,12 @@ function showConnection(state) {
   byId('connection').dataset.state = state;
   byId('connection').textContent = CONNECTION_WORDS[state];
   if (sentence) {
-    const asOf = isRead ? ` What is shown is as of ${service.lastHeard.toLocaleTimeString()}.` : '';
+    const asOf = isRead ? ` What is shown is as of ${service.lastHeard.toLocaleString()}.` : '';
     byId('banner').textContent = sentence + asOf;
-  } else if (state === 'connected') {
-    byId('banner').textContent = '';
+  } else {
+    byId('banner').textContent = state === 'reading' && isRead ? 'Reading anew. What is shown may be old.' : '';
   }
-  byId('banner').dataset.state = state;
-  document.title = sentence ? `${CONNECTION_WORDS[state]} – Properties` : 'Properties';
+  drawTitle(); // also in a tab that is not seen, which draws nothing else
   schedule();
 }
 
@@ -190,6 +198,17 @@ function draw() {
   byId('unsaved').textContent = `${unsaved} unsaved`;
   byId('unsaved').hidden = unsaved === 0;
   drawEmpty(rows.length === 0);
+  drawTitle();
+  clearTimeout(addressTimer);
+  addressTimer = setTimeout(followView, ADDRESS_DELAY_MS);
+}
+
+function drawTitle() {
+  const device = DEVICE_KEYS.map((key) => properties.get(key)?.value).filter(Boolean).join(' · ');
+  const away = AWAY_SENTENCES[connection] && CONNECTION_WORDS[connection];
+  byId('device').textContent = visible(device);
+  byId('device').title = device;
+  document.title = [away, device, 'Properties'].filter(Boolean).join(' – ');
 }
 
 function drawGroups(counts) {
@@ -241,7 +260,8 @@ function drawEmpty(isEmpty) {
   const wasRead = stateReading.key === key;
   const [text, readButton] = byId('empty').children;
   byId('empty').hidden = !isEmpty;
-  text.textContent = isRead ? 'No property matches.' : '';
+  const unread = connection in AWAY_SENTENCES ? 'Nothing has been read.' : 'Reading';
+  text.textContent = isRead ? 'No property matches.' : unread;
   if (isStateKey) {
     text.textContent = wasRead ? `${stateReading.status}: ${key}` : 'State keys are not listed until they change.';
   }
@@ -257,13 +277,35 @@ function changeView(change) {
   schedule();
 }
 
+function setView(view) {
+  filter.value = view.text;
+  byId('differing').checked = view.onlyDiffering;
+  changeView(view);
+  draw();
+}
+
 // Shows the property whatever the view.
 function openRow(key) {
-  filter.value = '';
-  byId('differing').checked = false;
-  changeView({ text: '', group: null, onlyDiffering: false });
-  draw();
+  setView({ text: '', group: null, onlyDiffering: false });
   list.openRow(key);
+}
+
+// Once, when there is something to show.
+function goToAddress() {
+  const { key, filter: text = '', group = null } = address;
+  address = {};
+  if (properties.get(key)) {
+    openRow(key);
+  } else if (key || text || group) {
+    setView({ text: key || text, group, onlyDiffering: false });
+  }
+}
+
+function followView() {
+  if (!isRead) {
+    return; // what the address asks for is still to be shown
+  }
+  showAddress({ key: [...list.open.keys()].at(-1), filter: view.text, group: view.group });
 }
 
 filter.addEventListener('input', () => changeView({ text: filter.value }));
@@ -281,6 +323,14 @@ filter.addEventListener('keydown', (event) => {
 });
 byId('groups').addEventListener('keydown', walkGroups);
 byId('unsaved').addEventListener('click', () => openRow(unsavedKeys()[0]));
+addEventListener('hashchange', () => {
+  address = takeAddress();
+  if (address.hasPassword) {
+    service.reconnect(storedPassword());
+  } else if (isRead) {
+    goToAddress();
+  }
+});
 addEventListener('beforeunload', (event) => {
   if (unsavedKeys().length) {
     event.preventDefault();

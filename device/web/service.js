@@ -93,6 +93,13 @@ export class Service {
     setInterval(() => this.#ping(), PING_INTERVAL_MS);
   }
 
+  /** Connects anew, with another password. */
+  reconnect(password) {
+    this.#setState('connecting');
+    this.#client.options.password = password;
+    this.#client.reconnect();
+  }
+
   /** The reply; throws NoAnswer. Requests are sent in the order of the calls. */
   request(body) {
     return this.#inTurn(async () => {

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 
 import { pageTest } from './support/fixture.mjs';
-import { answerShown, countShown, edit, stateShown, valueShown } from './support/questions.mjs';
+import { answerShown, countShown, edit, focusIsOn, stateShown, valueShown } from './support/questions.mjs';
 
 pageTest('shows a change made elsewhere, and has it light up', async ({ page, device }) => {
   await device.set('Audio.Volume', '9');
@@ -177,9 +177,53 @@ pageTest('takes no late reply for the answer to a later request', async ({ page,
   assert.equal(await page.until(answerShown, 'ok'), 'Ok Saved.');
 });
 
-pageTest('says that the broker does not admit it', async ({ page, device }) => {
+pageTest('says that the broker does not admit it, until the right address comes into the same tab', async ({ page, device }) => {
   await page.open('about:blank');
-  await page.open(device.url.replace(/#.*/, '#wrong'));
-
+  await page.open(device.url.replace(/#.*/, '#password=wrong'));
   await page.until(stateShown, 'refused');
+  assert.match(await page.ask(() => document.querySelector('#banner').textContent), /^The broker does not admit this page\./);
+  assert.equal(await page.ask(() => document.querySelector('#empty p').textContent), 'Nothing has been read.');
+
+  await page.ask((url) => {
+    location.href = url;
+  }, device.url);
+
+  await page.until(stateShown, 'connected');
+  assert.ok(await page.ask(countShown, '221 of 221'));
+});
+
+pageTest('names the device in the title, and says there and over the list since when the daemon is away', async ({ page, device }) => {
+  await page.until(stateShown, 'connected');
+  const keys = ['NET.General.DeviceNameInNetwork', 'System.General.Variant.Name'];
+  const title = `${[await device.valueOf(keys[0]), await device.valueOf(keys[1])].join(' · ')} – Properties`;
+  const shown = () => [document.title, document.querySelector('#banner').textContent];
+  assert.deepEqual(await page.ask(shown), [title, '']);
+
+  await device.stopDaemon();
+  await page.until(stateShown, 'service-away');
+  const [titleThen, banner] = await page.ask(shown);
+  assert.equal(titleThen, `Service away – ${title}`);
+  assert.match(banner, /^PropertyService does not answer\. .* What is shown is as of .*\d:\d\d:\d\d/);
+
+  await device.startDaemon();
+  await page.until(stateShown, 'connected');
+  assert.deepEqual(await page.ask(shown), [title, '']);
+});
+
+pageTest('shows what the address names, without the password', async ({ page, device }) => {
+  for (const [shown, key, count] of [
+    ['Audio.Volume', 'Audio.Volume', '221 of 221'],
+    ['filter=ntp+interval&group=Time', undefined, '1 of 221'],
+  ]) {
+    await page.open('about:blank');
+    await page.open(`${device.url}&${shown.includes('=') ? shown : `key=${shown}`}`);
+    await page.until(countShown, count);
+    await page.until((fragment) => location.hash === `#${fragment}`, shown);
+    assert.equal(await page.ask(() => document.querySelector('.row.open')?.dataset.key), key);
+  }
+
+  await page.ask(() => {
+    location.hash = '#Display.Theme';
+  });
+  await page.until(focusIsOn, '.row[data-key="Display.Theme"] textarea');
 });

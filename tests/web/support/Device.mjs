@@ -29,7 +29,7 @@ function listens(port) {
 
 /** start() first, stop() at last. `changeScript` may change the sample device's database script. */
 export class Device {
-  url = `http://127.0.0.1:8080/#${PASSWORD}`;
+  url = `http://127.0.0.1:8080/#password=${PASSWORD}`;
   #directory = mkdtempSync(join(tmpdir(), 'device-'));
   #server;
   #broker;
