@@ -2,7 +2,7 @@
 
 import { element } from './element.js';
 import { differs, isReadOnly, isState } from './properties.js';
-import { allowedValues, explain, flagsOf, rulesOf, unseenIn, visible } from './words.js';
+import { allowedValues, commandLine, explain, flagsOf, rulesOf, unseenIn, visible } from './words.js';
 
 function button(text, className, onClick) {
   const result = element('button', { type: 'button', className }, text);
@@ -12,6 +12,27 @@ function button(text, className, onClick) {
 
 function fact(term, ...details) {
   return [element('dt', {}, term), ...details.map((detail) => element('dd', {}, ...detail))];
+}
+
+// Works without TLS, too, where a page cannot use the browser's clipboard otherwise.
+function copy(text) {
+  const put = (event) => {
+    event.clipboardData.setData('text/plain', text);
+    event.preventDefault();
+  };
+  document.addEventListener('copy', put, { once: true });
+  return document.execCommand('copy');
+}
+
+/** A button that copies what `text()` gives, and says so until it is left. */
+function copyButton(name, text) {
+  const result = button(name, 'choice', () => {
+    result.textContent = copy(text()) ? 'copied' : 'not copied';
+  });
+  result.addEventListener('blur', () => {
+    result.textContent = name;
+  });
+  return result;
 }
 
 function code(text) {
@@ -39,6 +60,17 @@ function facts(property) {
       list.append(...fact(term, [code(property[column])]));
     }
   }
+  list.append(
+    ...fact('Copy', [
+      element(
+        'span',
+        { className: 'choices' },
+        copyButton('key', () => property.key),
+        copyButton('value', () => property.value),
+        copyButton('propctl line', () => commandLine(property)),
+      ),
+    ]),
+  );
   return list;
 }
 

@@ -338,10 +338,16 @@ addEventListener('beforeunload', (event) => {
 });
 byId('differing').addEventListener('change', ({ target }) => changeView({ onlyDiffering: target.checked }));
 byId('empty').querySelector('button').addEventListener('click', () => readState(view.text.trim()).catch(() => {}));
+byId('help').querySelector('button').addEventListener('click', () => byId('help').close());
 document.addEventListener('keydown', (event) => {
-  if (event.key === '/' && !event.target.matches('input[type=search], textarea')) {
+  if (event.target.matches('input[type=search], textarea') || byId('help').open) {
+    return;
+  }
+  if (event.key === '/') {
     event.preventDefault();
     filter.focus();
     filter.select();
+  } else if (event.key === '?') {
+    byId('help').showModal();
   }
 });

@@ -10,6 +10,13 @@ const FLAGS = [
   { bit: 16, name: 'kept', meaning: 'survives a factory reset' },
 ];
 
+/** The command line that sets the property as it is, or that reads one which cannot be set, as a shell takes it. */
+export function commandLine(property) {
+  const { key, value } = property;
+  const [verb, text] = isReadOnly(property) ? ['get', key] : ['set', `${key}=${value}`];
+  return `propctl ${verb} ${/^[\w.,:/=@%+-]+$/.test(text) ? text : `'${text.replaceAll("'", "'\\''")}'`}`;
+}
+
 /** What flags a property has: [{ name, meaning }]. */
 export function flagsOf(property) {
   return FLAGS.filter(({ bit }) => property.flags & bit);

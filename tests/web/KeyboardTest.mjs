@@ -109,6 +109,26 @@ pageTest('types a slash where text is edited', async ({ page }) => {
   await page.until(countShown, '1 of 221');
 });
 
+pageTest('shows all keys, and copies key, value and command line', async ({ page }) => {
+  await page.press('?');
+  assert.equal(await page.until(() => document.querySelector('dialog[open] h2')?.textContent), 'Keys');
+  await page.press('Escape');
+  await page.until(() => !document.querySelector('dialog[open]'));
+
+  await page.click('.row[data-key="Audio.Volume"] .key');
+  await page.until(focusIsOn, '.editor textarea');
+  await page.ask(() => {
+    window.copied = [];
+    addEventListener('copy', ({ clipboardData }) => copied.push(clipboardData.getData('text/plain')));
+  });
+  for (const number of [1, 2, 3]) {
+    await page.click(`.editor dd .choice:nth-child(${number})`);
+    await page.until(focusIsOn, `.editor dd .choice:nth-child(${number})`);
+    assert.equal(await page.ask(() => document.activeElement.textContent), 'copied');
+  }
+  assert.deepEqual(await page.ask(() => copied), ['Audio.Volume', '5', 'propctl set Audio.Volume=5']);
+});
+
 pageTest('names everything that can be operated, the field by its key, and says which rows are open', async ({ page }) => {
   await page.press('/');
   await page.type('Display.Theme');

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 import { test } from 'node:test';
 
-import { explain, flagsOf, rulesOf } from '../../device/web/words.js';
+import { commandLine, explain, flagsOf, rulesOf } from '../../device/web/words.js';
 
 const sentence = (property) => rulesOf(property).map(({ words, expression }) => words + expression).join('; ');
 
@@ -39,4 +39,14 @@ test('a value error tells length and NUL from the list', () => {
 
 test('256 characters outside the basic plane are not too long', () => {
   assert.equal(explain('ValueError', { enum: 'a' }, '😀'.repeat(256)), 'Not one of a');
+});
+
+test('a command line is what a shell takes for it', () => {
+  for (const [property, line] of [
+    [{ key: 'Audio.Volume', value: '5' }, 'propctl set Audio.Volume=5'],
+    [{ key: 'A.B', value: `it's $HOME\n` }, `propctl set 'A.B=it'\\''s $HOME\n'`],
+    [{ key: 'NVM.Version', value: '1 2', flags: 1 }, 'propctl get NVM.Version'],
+  ]) {
+    assert.equal(commandLine(property), line);
+  }
 });
