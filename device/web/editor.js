@@ -153,10 +153,11 @@ export class Editor {
   focus() {
     this.#field.focus({ preventScroll: true });
     this.#field.select();
-    this.#field.scrollIntoView({ block: 'nearest' });
+    // The answer, too, if there is room; where the page scrolls, the list's own scrolling does not do.
+    [this.#answer, this.#field].forEach((part) => part.scrollIntoView({ block: 'nearest' }));
   }
 
-  /** Takes what is known of the property now; unsaved text stays. `wasRead`: all of it is as the service said just now. */
+  /** Takes what is known of the property; unsaved text stays. `wasRead`: the service has said all of it just now. */
   refresh(property, wasRead) {
     const wasUnsaved = this.isUnsaved;
     const isOther = property.value !== this.#value;

@@ -23,7 +23,8 @@ function fillText(target, text, hidden) {
 function keyCell({ key, group }) {
   const name = group === '' ? key : key.slice(group.length + 1);
   const start = group === '' ? [] : [element('span', { className: 'group' }, `${group}.`)];
-  return cell('key', element('bdi', { dir: 'ltr', title: key }, ...start, element('span', { className: 'name' }, name)));
+  const end = element('span', { className: 'name' }, name);
+  return cell('key', element('bdi', { dir: 'ltr', title: key }, ...start, end));
 }
 
 function describe(row) {
@@ -33,9 +34,9 @@ function describe(row) {
 }
 
 /**
- * The list in `grid`, which scrolls. A row that opens or closes moves only those below it. `editorOf(property)` gives the
- * Editor that an open row shows; `isUnsaved(key)` says whether it has one with unsaved text; `onToggle` is told the key of
- * a row that has been opened or closed.
+ * The list in `grid`, which scrolls. A row that opens or closes moves only those below it. `editorOf(property)` gives
+ * the Editor that an open row shows; `isUnsaved(key)` says whether it has one with unsaved text; `onToggle` is told the
+ * key of a row that has been opened or closed.
  */
 export class PropertyList {
   #grid;
@@ -115,17 +116,19 @@ export class PropertyList {
   /** Where rows are. It holds for as long as nothing is changed: reading heights has the browser lay everything out. */
   #measure() {
     const rowHeight = this.#rowHeight;
-    const editors = [...this.#open].map(([key, { element: { offsetHeight } }]) => [this.#indexOf.get(key), offsetHeight]);
+    const editors = [...this.#open].map(([key, editor]) => [this.#indexOf.get(key), editor.element.offsetHeight]);
     const top = (index) =>
       editors.reduce((sum, [open, height]) => (open < index ? sum + height : sum), index * rowHeight);
     return { rowHeight, top };
   }
 
   #schedule() {
-    this.#frame ||= requestAnimationFrame(() => {
-      this.#frame = 0;
-      this.#draw();
-    });
+    if (this.#frame === 0) {
+      this.#frame = requestAnimationFrame(() => {
+        this.#frame = 0;
+        this.#draw();
+      });
+    }
   }
 
   #draw() {

@@ -30,7 +30,7 @@ export function patternOf(key, isStart = false) {
   return `${start.replaceAll(/[.[\]*^$\\]/g, '\\$&')}%`;
 }
 
-/** Patterns for the keys, all of which begin with `start`; those of each fit into one reply. They may leave some out. */
+/** Patterns for keys, all of which begin with `start`; what one matches fits into a reply. They may leave keys out. */
 export function patternsFor(keys, start = '') {
   if (keys.length <= MOST_ROWS) {
     return [patternOf(start, true)];
@@ -118,7 +118,8 @@ export class Properties {
 
   /**
    * Which properties to show, and how many each group has among those that the text and the toggle leave.
-   * `text`: words that all occur in key, value or an alias. `group`: null for all. `kept`: a set of keys that are shown anyway.
+   * `text`: words that all occur in key, value or an alias. `group`: null for all. `kept`: keys that are shown anyway,
+   * a set.
    */
   select({ text, group, onlyDiffering }, kept) {
     const words = text.toLowerCase().split(/\s+/);

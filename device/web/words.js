@@ -22,11 +22,11 @@ export function flagsOf(property) {
   return FLAGS.filter(({ bit }) => property.flags & bit);
 }
 
-// Control characters, and those that show nothing or turn the direction of what follows; but not the joiners of scripts.
-const UNSEEN = /[\u0000-\u0008\u000b-\u001f\u007f-\u009f\u00ad\u061c\u180e\u200b\u200e\u200f\u2028-\u202e\u2060-\u206f\ufeff]/g;
+// Control characters, and those that show nothing or turn what follows; but not what joins letters.
+const UNSEEN = /(?![\t\n\r\u200c\u200d])[\p{Cc}\p{Cf}\u2028\u2029]/gu;
 
 function nameOf(character) {
-  return `U+${character.charCodeAt(0).toString(16).toUpperCase().padStart(4, '0')}`;
+  return `U+${character.codePointAt(0).toString(16).toUpperCase().padStart(4, '0')}`;
 }
 
 /** The text on one line, with names for what would not be seen. */

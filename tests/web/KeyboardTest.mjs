@@ -119,17 +119,17 @@ pageTest('shows all keys, and copies key, value and command line', async ({ page
   await page.until(focusIsOn, '.editor textarea');
   await page.ask(() => {
     window.copied = [];
-    addEventListener('copy', ({ clipboardData }) => copied.push(clipboardData.getData('text/plain')));
+    addEventListener('copy', ({ clipboardData }) => window.copied.push(clipboardData.getData('text/plain')));
   });
   for (const number of [1, 2, 3]) {
     await page.click(`.editor dd .choice:nth-child(${number})`);
     await page.until(focusIsOn, `.editor dd .choice:nth-child(${number})`);
     assert.equal(await page.ask(() => document.activeElement.textContent), 'copied');
   }
-  assert.deepEqual(await page.ask(() => copied), ['Audio.Volume', '5', 'propctl set Audio.Volume=5']);
+  assert.deepEqual(await page.ask(() => window.copied), ['Audio.Volume', '5', 'propctl set Audio.Volume=5']);
 });
 
-pageTest('names everything that can be operated, the field by its key, and says which rows are open', async ({ page }) => {
+pageTest('names all that can be operated, the field by its key, and says which rows are open', async ({ page }) => {
   await page.press('/');
   await page.type('Display.Theme');
   await page.until(countShown, '1 of 221');

@@ -26,12 +26,13 @@ const isShown = (key) => document.querySelector(`.row[data-key="${key}"]`) !== n
 const watchFrames = () => {
   window.frameTimes = [];
   window.longTasks = [];
-  new PerformanceObserver((seen) => longTasks.push(...seen.getEntries().map(({ duration }) => duration))).observe({
-    type: 'longtask',
+  const look = new PerformanceObserver((seen) => {
+    window.longTasks.push(...seen.getEntries().map(({ duration }) => duration));
   });
+  look.observe({ type: 'longtask' });
   let before = performance.now();
   const tick = (now) => {
-    frameTimes.push(now - before);
+    window.frameTimes.push(now - before);
     before = now;
     requestAnimationFrame(tick);
   };
@@ -39,11 +40,11 @@ const watchFrames = () => {
 };
 
 const seenFrames = () => {
-  const sorted = frameTimes.sort((a, b) => a - b);
+  const sorted = window.frameTimes.sort((a, b) => a - b);
   const at = (share) => Math.round(sorted[Math.floor((sorted.length - 1) * share)]);
-  const longest = Math.round(Math.max(0, ...longTasks));
+  const longest = Math.round(Math.max(0, ...window.longTasks));
   const frames = `${sorted.length} frames, median ${at(0.5)} ms, 95 % within ${at(0.95)} ms`;
-  return `${frames}; ${longTasks.length} long tasks, longest ${longest} ms`;
+  return `${frames}; ${window.longTasks.length} long tasks, longest ${longest} ms`;
 };
 
 const scrollThrough = async () => {

@@ -1,7 +1,7 @@
 import assert from 'node:assert/strict';
 
 import { pageTest } from './support/fixture.mjs';
-import { edit, shownKeys, stateShown, valueShown } from './support/questions.mjs';
+import { edit, focusIsOn, shownKeys, stateShown, valueShown } from './support/questions.mjs';
 
 const LONG_KEY = `Provisioning.${'VeryLong'.repeat(5)}.Ending`.padStart(64, 'X');
 
@@ -56,15 +56,17 @@ pageTest(
 pageTest('has the field in sight when it is enlarged to 400 %', async ({ page }) => {
   await page.resize(320, 256);
 
-  await edit(page, 'SIP.Account1.Enabled');
+  await page.click('.row .key');
 
-  assert.ok(
-    await page.ask(() => {
-      const field = document.querySelector('.editor textarea');
-      const { x, y, width, height } = field.getBoundingClientRect();
-      return document.elementFromPoint(x + width / 2, y + height / 2) === field;
+  await page.until(focusIsOn, '.editor textarea');
+  const inSight = await page.ask(() =>
+    ['label', 'textarea', '.answer'].filter((selector) => {
+      const part = document.querySelector(`.editor ${selector}`);
+      const { x, y, height } = part.getBoundingClientRect();
+      return document.elementFromPoint(x + 5, y + height / 2) === part;
     }),
   );
+  assert.deepEqual(inSight, ['label', 'textarea', '.answer']);
 });
 
 pageTest('keeps bar, dot and current group with forced colours', async ({ page, device }) => {

@@ -75,14 +75,13 @@ pageTest('says that the daemon is away, and reads what it holds when it is back'
   await page.until(valueShown, 'Audio.Volume', '9');
 });
 
-pageTest('says "Connected" after a short restart of the daemon only beside what it holds now', async ({ page, device }) => {
+pageTest('says "Connected" after a short restart only beside what the daemon holds now', async ({ page, device }) => {
   await page.ask(() => {
+    const connection = document.querySelector('#connection');
     const volume = () => document.querySelector('.row[data-key="Audio.Volume"] .value').textContent;
     window.seen = [];
-    new MutationObserver(() => seen.push([document.querySelector('#connection').dataset.state, volume()])).observe(
-      document.querySelector('#connection'),
-      { attributes: true },
-    );
+    const look = new MutationObserver(() => window.seen.push([connection.dataset.state, volume()]));
+    look.observe(connection, { attributes: true });
   });
   await device.stopDaemon();
   await device.query(`UPDATE settings SET value = '9' WHERE key = 'Audio.Volume'`);
@@ -91,7 +90,7 @@ pageTest('says "Connected" after a short restart of the daemon only beside what 
   await page.until(valueShown, 'Audio.Volume', '9');
   await page.until(stateShown, 'connected');
   assert.deepEqual(
-    (await page.ask(() => seen)).filter(([state]) => state === 'connected'),
+    (await page.ask(() => window.seen)).filter(([state]) => state === 'connected'),
     [['connected', '9']],
   );
 });
@@ -118,7 +117,7 @@ pageTest(
   'says of a write without an answer whether it was done, as soon as it sees',
   async ({ page, device }) => {
     const losesWhatWasSent = () => device.stopBroker('SIGKILL').then(() => device.startBroker());
-    // A write that waits for the answer to a question of the page's own is not sent; so it follows one that has been answered.
+    // A write that waits for the answer to a question of the page's own is not sent, so it follows an answered one.
     await page.ask(() => {
       const { send } = WebSocket.prototype;
       WebSocket.prototype.send = function (data) {
@@ -177,11 +176,13 @@ pageTest('takes no late reply for the answer to a later request', async ({ page,
   assert.equal(await page.until(answerShown, 'ok'), 'Ok Saved.');
 });
 
-pageTest('says that the broker does not admit it, until the right address comes into the same tab', async ({ page, device }) => {
+pageTest('says that it is not admitted, until the right address comes into the same tab', async ({ page, device }) => {
   await page.open('about:blank');
   await page.open(device.url.replace(/#.*/, '#password=wrong'));
   await page.until(stateShown, 'refused');
-  assert.match(await page.ask(() => document.querySelector('#banner').textContent), /^The broker does not admit this page\./);
+  const banner = await page.ask(() => document.querySelector('#banner').textContent);
+  assert.match(banner, /^The broker does not admit this page\./);
+  assert.equal(await page.ask(() => location.hash), '');
   assert.equal(await page.ask(() => document.querySelector('#empty p').textContent), 'Nothing has been read.');
 
   await page.ask((url) => {
@@ -192,7 +193,7 @@ pageTest('says that the broker does not admit it, until the right address comes 
   assert.ok(await page.ask(countShown, '221 of 221'));
 });
 
-pageTest('names the device in the title, and says there and over the list since when the daemon is away', async ({ page, device }) => {
+pageTest('names the device in the title, and says there and in a banner that it is away', async ({ page, device }) => {
   await page.until(stateShown, 'connected');
   const keys = ['NET.General.DeviceNameInNetwork', 'System.General.Variant.Name'];
   const title = `${[await device.valueOf(keys[0]), await device.valueOf(keys[1])].join(' · ')} – Properties`;

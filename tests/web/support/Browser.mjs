@@ -116,7 +116,7 @@ export class Page {
   #sessionId;
   #targetId;
   #onLoad = () => {};
-  #onDialog = () => {};
+  #dialog = null;
   complaints = [];
 
   constructor(browser, sessionId, targetId) {
@@ -139,11 +139,9 @@ export class Page {
     await loaded;
   }
 
-  /** What the browser asks the user next. */
-  nextDialog() {
-    return new Promise((resolve) => {
-      this.#onDialog = resolve;
-    });
+  /** Waits until the browser asks the user something; its kind. */
+  dialog() {
+    return eventually('the browser asks', () => this.#dialog);
   }
 
   close() {
@@ -211,7 +209,7 @@ export class Page {
         this.#onLoad();
         break;
       case 'Page.javascriptDialogOpening':
-        this.#onDialog(params);
+        this.#dialog = params.type;
         break;
       case 'Runtime.consoleAPICalled':
         this.complaints.push(params.args.map((arg) => arg.value ?? arg.description).join(' '));
