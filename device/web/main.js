@@ -3,7 +3,7 @@ import { Editor } from './editor.js';
 import { element } from './element.js';
 import { PropertyList } from './list.js';
 import { Properties, isState, patternOf, patternsFor } from './properties.js';
-import { Service } from './service.js';
+import { NoAnswer, Service } from './service.js';
 import { visible } from './words.js';
 
 const CONNECTION_WORDS = {
@@ -95,7 +95,10 @@ async function connectionChanged(state) {
   if (state === 'connected') {
     try {
       await readAll();
-    } catch {
+    } catch (error) {
+      if (!(error instanceof NoAnswer)) {
+        throw error;
+      }
       return; // the service is away again: it is read when it is back
     }
     if (connection === 'reading') {
@@ -162,7 +165,7 @@ function takeChanges(changes, wasRead = false) {
     } else if (properties.get(key)) {
       show(key, properties.setValue(key, value), wasRead);
     } else if (isState(key)) {
-      properties.put({ key, value });
+      show(key, properties.put({ key, value }), wasRead);
     }
   }
   schedule();

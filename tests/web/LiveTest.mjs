@@ -183,14 +183,14 @@ pageTest('says that it is not admitted, until the right address comes into the s
   const banner = await page.ask(() => document.querySelector('#banner').textContent);
   assert.match(banner, /^The broker does not admit this page\./);
   assert.equal(await page.ask(() => location.hash), '');
-  assert.equal(await page.ask(() => document.querySelector('#empty p').textContent), 'Nothing has been read.');
+  await page.until(() => document.querySelector('#empty p').textContent === 'Nothing has been read.');
 
   await page.ask((url) => {
     location.href = url;
   }, device.url);
 
   await page.until(stateShown, 'connected');
-  assert.ok(await page.ask(countShown, '221 of 221'));
+  await page.until(countShown, '221 of 221');
 });
 
 pageTest('names the device in the title, and says there and in a banner that it is away', async ({ page, device }) => {
