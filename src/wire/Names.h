@@ -97,6 +97,13 @@ inline std::string lowerCased(std::string text) {
   return text;
 }
 
+/// Returns whether a property of this name holds a password or a PIN, whose value clients hide from
+/// onlookers. The page has the same rule (device/web/properties.js).
+inline bool isSecret(const std::string& name) {
+  const std::string text = lowerCased(name);
+  return text.ends_with("password") || text.ends_with("pin");
+}
+
 /// The part of the key before its first ".", in lower case. A key without a "." has no group.
 inline std::optional<std::string> groupOf(const std::string& key) {
   const std::size_t dot = key.find('.');

@@ -240,8 +240,7 @@ class Judge {
       warning("the flags " + std::to_string(flags) +
               " save a read-only property for the user or a factory reset, but its restore is refused");
     }
-    const bool secret = key_.ends_with("Password") || key_.ends_with("PIN");
-    if (secret && (flags & (flag::kDump | flag::kUser)) != 0) {
+    if (propertyservice::isSecret(key_) && (flags & (flag::kDump | flag::kUser)) != 0) {
       warning("the flags " + std::to_string(flags) +
               " show a secret in dumps or the user's backup: 2 alone saves it with all settings only");
     }

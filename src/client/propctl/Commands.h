@@ -14,6 +14,9 @@ namespace propctl {
 using propclient::Field;
 using Names = std::vector<std::string>;
 
+/// The columns of the table that are meant: people may call "defaultvalues" "default".
+Names toColumns(Names names);
+
 /// Throw `Failure` for what is no column, and for a pattern.
 void requireColumns(const Names& columns);
 void requireOneName(const std::string& name);

@@ -76,11 +76,11 @@ std::vector<Setting> readConfiguration(const std::string& path) {
   }
   std::ifstream file(path);
   if (!file) {
-    throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno));
+    throw Failure(ExitStatus::usage, escaped(path) + ": " + std::generic_category().message(errno));
   }
   int number = 0;
   for (std::string text; std::getline(file, text);) {
-    const std::string source = path + ':' + std::to_string(++number);
+    const std::string source = escaped(path) + ':' + std::to_string(++number);
     const std::string line = withoutBlanks(text);
     if (line.empty() || line.starts_with('#')) {
       continue;

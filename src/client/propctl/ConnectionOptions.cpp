@@ -6,6 +6,7 @@
 #include <system_error>
 
 #include "client/propctl/ExitStatus.h"
+#include "client/propctl/Text.h"
 
 namespace propctl {
 
@@ -19,33 +20,35 @@ constexpr std::uint16_t kTlsPort = 8883;
 void readPasswordFile(const std::string& path, propclient::Options& options) {
   struct stat file {};
   if (stat(path.c_str(), &file) != 0) {
-    throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno));
+    throw Failure(ExitStatus::usage, escaped(path) + ": " + std::generic_category().message(errno));
   }
   // Root may share a password with a group.
   const mode_t others = file.st_uid == 0 ? S_IWGRP | S_IRWXO : S_IRWXG | S_IRWXO;
   if (!S_ISREG(file.st_mode) || (file.st_mode & others) != 0) {
-    throw Failure(ExitStatus::usage, path + ": must be a file that only its owner may read: chmod 600");
+    throw Failure(ExitStatus::usage,
+                  escaped(path) + ": must be a file that only its owner may read: chmod 600");
   }
   std::ifstream lines(path);
   if (!lines) {
-    throw Failure(ExitStatus::usage, path + ": " + std::generic_category().message(errno) +
+    throw Failure(ExitStatus::usage, escaped(path) + ": " + std::generic_category().message(errno) +
                                          "; ask as root, as a member of the file's group, or with --user and "
                                          "--password-file of your own");
   }
   std::string first;
   std::string second;
   if (!std::getline(lines, first) || first.empty()) {
-    throw Failure(ExitStatus::usage, path + ": holds no password");
+    throw Failure(ExitStatus::usage, escaped(path) + ": holds no password");
   }
   if (!std::getline(lines, second)) {
     options.password = first;
     if (options.user.empty()) {
-      throw Failure(ExitStatus::usage, path + ": holds a password alone; give --user as well");
+      throw Failure(ExitStatus::usage, escaped(path) + ": holds a password alone; give --user as well");
     }
     return;
   }
   if (!options.user.empty() && options.user != first) {
-    throw Failure(ExitStatus::usage, path + ": belongs to the user " + first + ", not to " + options.user);
+    throw Failure(ExitStatus::usage, escaped(path) + ": belongs to the user " + escaped(first) + ", not to " +
+                                         escaped(options.user));
   }
   options.user = first;
   options.password = second;

@@ -53,6 +53,9 @@ class Round {
       style.table = style.colour = style.progress = false;
       Output output(results, errors, style);
       const ExitStatus status = runOn(serials_[i], output);
+      if (style.json && results.view().empty()) {
+        output.error();
+      }
       if (!output.hasSpoken() && !style.quiet && !style.json) {
         output.line("done");
       }
@@ -79,7 +82,7 @@ class Round {
       output.complain(failure.what());
       return failure.status();
     } catch (const std::exception& error) {
-      output.complain(error.what());
+      output.complain(escaped(error.what()));
       return ExitStatus::usage;
     }
   }
@@ -139,7 +142,7 @@ std::map<std::string, propclient::Presence> askForKnownDevices(propclient::Optio
   try {
     return propclient::knownDevices(options);
   } catch (const propclient::ConnectionError& error) {
-    throw Failure(ExitStatus::noAnswer, error.what());
+    throw Failure(ExitStatus::noAnswer, escaped(error.what()) + adviceOnRefusal(error.what(), options));
   }
 }
 
@@ -208,7 +211,7 @@ ExitStatus listDevices(const std::string& wanted, const propclient::Options& opt
     device["connected"] = presence.connected;
     device["service"] = isKnown ? Json::Value(isRunning) : Json::Value();
     document.append(device);
-    rows.push_back({{serial, presence.connected ? "connected" : "away",
+    rows.push_back({{escaped(serial), presence.connected ? "connected" : "away",
                      !isKnown    ? "unknown"
                      : isRunning ? "running"
                                  : "stopped"},

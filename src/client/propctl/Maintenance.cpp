@@ -33,14 +33,17 @@ ExitStatus maintain(Session& session, const std::string& what, const std::functi
   Output& output = session.output();
   const auto answer = session.answered(
       withProgress(output, what, std::async(std::launch::async, [&] { return request(session.client()); })));
+  const std::string reason = answer.status == Status::dbError ? whyFailed : reasonFor(answer.status, "", {});
   if (output.style().json) {
     Json::Value outcome;
     outcome["status"] = propclient::toText(answer.status);
+    if (!answer.ok()) {
+      outcome["reason"] = reason;
+    }
     output.json(outcome);
   }
   if (!answer.ok()) {
-    output.complain(what + ": " + propclient::toText(answer.status) + ": " +
-                    (answer.status == Status::dbError ? whyFailed : reasonFor(answer.status, "", {})));
+    output.complain(what + ": " + propclient::toText(answer.status) + ": " + reason);
     return ExitStatus::refused;
   }
   output.remark(done);

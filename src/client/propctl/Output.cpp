@@ -6,8 +6,8 @@
 #include <system_error>
 
 #include "client/propctl/ExitStatus.h"
-#include "client/propctl/Text.h"
 #include "core/JsonText.h"
+#include "wire/Names.h"
 
 namespace propctl {
 
@@ -51,6 +51,11 @@ void Output::line(const std::string& text) {
 
 void Output::value(const std::string& value) {
   line(style_.table ? escaped(value) : value);
+}
+
+std::string Output::visible(const std::string& name, const std::string& value) const {
+  const bool isHidden = style_.hideSecrets && !value.empty() && propertyservice::isSecret(name);
+  return isHidden ? "••••" : value;
 }
 
 void Output::json(const Json::Value& document) {
@@ -103,6 +108,14 @@ void Output::complain(const std::string& text) {
   progress("");
   errors_ << "propctl: " << prefix_ << text << std::endl;
   spoken_ = true;
+  complaint_ = text;
+}
+
+void Output::error() {
+  Json::Value ofDevice;
+  ofDevice["device"] = style_.device;
+  ofDevice["error"] = complaint_;
+  write(propertyservice::json::write(ofDevice));
 }
 
 void Output::remark(const std::string& text) {

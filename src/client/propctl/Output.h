@@ -7,15 +7,18 @@
 
 #include <json/value.h>
 
+#include "client/propctl/Text.h"
+
 namespace propctl {
 
 struct Style {
-  bool json = false;        ///< One JSON document on standard output instead of text.
-  bool quiet = false;       ///< Nothing but what was asked for, and errors.
-  bool table = false;       ///< Aligned, with headings: for a terminal.
-  bool colour = false;      ///< With colours: for a terminal whose user has nothing against them.
-  std::string device = {};  ///< Not empty: one of several, whose number stands before each line.
-  bool progress = false;    ///< Standard error is a terminal: show that something goes on.
+  bool json = false;         ///< One JSON document on standard output instead of text.
+  bool quiet = false;        ///< Nothing but what was asked for, and errors.
+  bool table = false;        ///< Aligned, with headings: for a terminal.
+  bool colour = false;       ///< With colours: for a terminal whose user has nothing against them.
+  std::string device = {};   ///< Not empty: one of several, whose number stands before each line.
+  bool progress = false;     ///< Standard error is a terminal: show that something goes on.
+  bool hideSecrets = false;  ///< For a terminal, at which others may look.
 };
 
 /// A line of a table. One that is marked is shown in another colour.
@@ -32,7 +35,7 @@ class Output {
       : out_(out),
         errors_(errors),
         style_(std::move(style)),
-        prefix_(style_.device.empty() ? "" : style_.device + ": ") {}
+        prefix_(style_.device.empty() ? "" : escaped(style_.device) + ": ") {}
 
   const Style& style() const { return style_; }
 
@@ -44,6 +47,10 @@ class Output {
 
   /// A value as it is, or escaped on a terminal, which must not take it for a command.
   void value(const std::string& value);
+
+  /// Returns the value of the property `name` as results show it: dots in place of a password that is to be
+  /// hidden.
+  std::string visible(const std::string& name, const std::string& value) const;
 
   void json(const Json::Value& document);
 
@@ -58,6 +65,9 @@ class Output {
 
   /// An error, one line.
   void complain(const std::string& text);
+
+  /// Prints as JSON, in place of a result, the device and the error reported last.
+  void error();
 
   /// A remark, unless --quiet.
   void remark(const std::string& text);
@@ -77,6 +87,7 @@ class Output {
   const Style style_;
   const std::string prefix_;
   bool spoken_ = false;
+  std::string complaint_;
 };
 
 }  // namespace propctl

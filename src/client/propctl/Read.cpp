@@ -73,10 +73,19 @@ class Values {
   }
 
  private:
+  /// Asks for the key of an alias where it matters: it decides what is a secret.
+  std::string keyOf(const std::string& name) const {
+    if (field_ == Field::key || !session_.output().style().hideSecrets) {
+      return name;
+    }
+    const auto answer = session_.answered(session_.client().list(name, {text(column::kKey)}, field_));
+    return answer.value.empty() ? name : columnOf(answer.value.front(), column::kKey);
+  }
+
   void readOne(const std::string& name) {
     const auto answer = session_.answered(session_.client().get(name, field_));
     if (answer.ok()) {
-      found_.push_back({name, answer.value});
+      found_.push_back({name, session_.output().visible(keyOf(name), answer.value)});
     } else {
       miss(name, answer.status);
     }
@@ -84,9 +93,12 @@ class Values {
 
   void readPattern(const std::string& pattern) {
     const std::string name = nameColumn(field_);
-    const auto properties = listSorted(session_, pattern, {name, text(column::kValue)}, field_);
+    const auto properties =
+        listSorted(session_, pattern, {name, text(column::kKey), text(column::kValue)}, field_);
     for (const Columns& property : properties) {
-      found_.push_back({columnOf(property, name), columnOf(property, column::kValue)});
+      found_.push_back(
+          {columnOf(property, name),
+           session_.output().visible(columnOf(property, column::kKey), columnOf(property, column::kValue))});
     }
     if (properties.empty()) {
       miss(pattern, Status::notFound);
@@ -122,7 +134,7 @@ void printState(Session& session, const std::string& key, const std::string& val
     return;
   }
   output.line("key           " + escaped(key));
-  output.line("value         " + escaped(value));
+  output.line("value         " + escaped(output.visible(key, value)));
   output.line("kind          run-time state: no rules, no default, gone with the power");
 }
 
@@ -131,12 +143,15 @@ void printProperty(Output& output, const Columns& property) {
     label.resize(14, ' ');
     output.line(label + text);
   };
+  const auto visible = [&](std::string_view column) {
+    return escaped(output.visible(columnOf(property, column::kKey), columnOf(property, column)));
+  };
   const auto known = [&](std::string_view column) {
     return property.contains(text(column)) ? escaped(columnOf(property, column)) : "-";
   };
   row("key", known(column::kKey));
-  row("value", escaped(columnOf(property, column::kValue)) + (isChanged(property) ? "   (changed)" : ""));
-  row("default", known(column::kDefaultValues));
+  row("value", visible(column::kValue) + (isChanged(property) ? "   (changed)" : ""));
+  row("default", property.contains(text(column::kDefaultValues)) ? visible(column::kDefaultValues) : "-");
   const std::vector<std::string> rules = rulesOf(property);
   for (const std::string& rule : rules) {
     row(&rule == &rules.front() ? "rules" : "", rule);
@@ -151,14 +166,24 @@ void printProperty(Output& output, const Columns& property) {
   row("tr069", known(column::kTr069));
 }
 
+/// As people call it.
+std::string headingOf(const std::string& column) {
+  return column == column::kDefaultValues ? "default" : column;
+}
+
 }  // namespace
+
+Names toColumns(Names names) {
+  std::replace(names.begin(), names.end(), std::string("default"), text(column::kDefaultValues));
+  return names;
+}
 
 void requireColumns(const Names& columns) {
   for (const std::string& column : columns) {
     if (std::find(column::kAll.begin(), column::kAll.end(), column) == column::kAll.end()) {
       std::string known;
       for (const std::string_view name : column::kAll) {
-        known += (known.empty() ? "" : ", ") + text(name);
+        known += (known.empty() ? "" : ", ") + headingOf(text(name));
       }
       throw Failure(ExitStatus::usage, "no such column: \"" + escaped(column) + "\"; there are " + known);
     }
@@ -210,14 +235,19 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
     Row& row = rows.emplace_back();
     row.marked = isChanged(property);
     for (const std::string& column : columns) {
-      const bool inWords = column == column::kFlags;
-      row.cells.push_back(inWords ? flagsInWords(property) : escaped(columnOf(property, column)));
+      const bool mayBeSecret = column == column::kValue || column == column::kDefaultValues;
+      const std::string& content = columnOf(property, column);
+      row.cells.push_back(column == column::kFlags ? flagsInWords(property)
+                          : mayBeSecret ? escaped(output.visible(columnOf(property, column::kKey), content))
+                                        : escaped(content));
       if (column == column::kDefaultValues && row.marked) {
         row.cells.back().insert(0, output.style().table ? "* " : "");
       }
     }
   }
-  output.table(columns, rows);
+  Names headings;
+  std::transform(columns.begin(), columns.end(), std::back_inserter(headings), headingOf);
+  output.table(headings, rows);
   return ExitStatus::done;
 }
 

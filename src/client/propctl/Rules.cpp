@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include "client/propctl/Text.h"
+#include "core/BackupFile.h"
 #include "core/Integer.h"
 #include "core/Property.h"
 #include "database/StorableValue.h"
@@ -73,6 +76,19 @@ std::string rangeInWords(const Columns& property) {
   return "a number from " + least + " to " + greatest;
 }
 
+/// The number that a range reads in a text that is not a number; nothing in any other.
+std::optional<int> leadingNumber(const std::string& text) {
+  const std::size_t digits = text.starts_with('-') ? 1 : 0;
+  if (text.find_first_not_of("0123456789", digits) == std::string::npos) {
+    return std::nullopt;
+  }
+  try {
+    return propertyservice::toInteger(text);
+  } catch (const std::logic_error&) {
+    return std::nullopt;
+  }
+}
+
 std::string listInWords(const Columns& property) {
   std::string words = escaped(columnOf(property, column::kEnum));
   for (std::size_t comma = words.find(','); comma != std::string::npos; comma = words.find(',', comma + 2)) {
@@ -104,8 +120,8 @@ Status judge(const std::string& value, const Columns& columns) {
   return toStatus(property.status());
 }
 
-std::string reasonFor(Status status, const std::string& value, const Columns& property) {
-  const std::string quoted = '"' + escaped(value) + '"';
+std::string reasonFor(Status status, const std::string& value, const Columns& property, bool isSecret) {
+  const std::string quoted = isSecret ? "the value" : '"' + escaped(value) + '"';
   switch (status) {
     case Status::ok:
       return "done";
@@ -130,6 +146,25 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
       return "no answer; whether it was done is unknown";
     case Status::away:
       return "PropertyService is away; nothing was sent";
+  }
+  return "";
+}
+
+bool mayNeedCaution(const std::string& value) {
+  return value.find('\n') != std::string::npos || leadingNumber(value).has_value();
+}
+
+std::string cautionFor(const std::string& value, const Columns& property) {
+  constexpr unsigned kInBackups = 0xfe;
+  if (value.find('\n') != std::string::npos && (flagsOf(property) & kInBackups) != 0) {
+    return value.find('\n' + std::string(propertyservice::kVersionMarker)) != std::string::npos
+               ? "no backup can hold it: a restore takes its line with \"DatabaseVersion:\" for the end"
+               : "no backup can hold it: a restore cuts it at the line break, and loses the next property";
+  }
+  const bool hasRange = has(property, column::kRangeMin) || has(property, column::kRangeMax);
+  if (const std::optional<int> number = leadingNumber(value); number && hasRange) {
+    return "stored as it is, though not a number: the range looks at the leading " + std::to_string(*number) +
+           " alone";
   }
   return "";
 }

@@ -3,32 +3,47 @@
 #include <iomanip>
 #include <sstream>
 
+#include "client/propctl/Text.h"
+
 namespace propctl {
 
 namespace {
 
 /// Why there is no connection, and what to do about it.
-std::string withAdvice(std::string reason) {
-  const bool isRefused = reason.find("authori") != std::string::npos;
+std::string withAdvice(std::string reason, const propclient::Options& options) {
   reason.erase(reason.find_last_not_of('.') + 1);
-  return reason +
-         (isRefused ? "; --user and --password-file say who asks" : "; --host and --port say where it is");
+  const std::string advice = adviceOnRefusal(reason, options);
+  return escaped(reason) + (advice.empty() ? "; --host and --port say where it is" : advice);
 }
 
 }  // namespace
+
+std::string adviceOnRefusal(const std::string& reason, const propclient::Options& options) {
+  if (reason.find("not authori") == std::string::npos &&
+      reason.find("bad user name or password") == std::string::npos) {
+    return "";
+  }
+  if (options.user.empty()) {
+    return "; no user was given: --user and --password-file say who asks";
+  }
+  const std::string user = '"' + escaped(options.user) + '"';
+  return options.password.empty()
+             ? "; " + user + " came without a password: --password-file names a file with it"
+             : "; the password of " + user + " is wrong, or there is no such user";
+}
 
 Session::Session(propclient::Options options, Output& output)
     : options_(std::move(options)), output_(output), client_(options_) {
   try {
     client_.connect();
   } catch (const propclient::ConnectionError& error) {
-    throw Failure(ExitStatus::noAnswer, withAdvice(error.what()));
+    throw Failure(ExitStatus::noAnswer, withAdvice(error.what(), options_));
   }
 }
 
 std::string Session::where() const {
-  const std::string broker = options_.host + ':' + std::to_string(options_.port);
-  return options_.device.empty() ? broker : options_.device + " at " + broker;
+  const std::string broker = escaped(options_.host) + ':' + std::to_string(options_.port);
+  return options_.device.empty() ? broker : escaped(options_.device) + " at " + broker;
 }
 
 void Session::throwNoAnswer(Length length) const {
@@ -36,9 +51,9 @@ void Session::throwNoAnswer(Length length) const {
   text << "no answer from " << where() << " within " << static_cast<double>(options_.timeout.count()) / 1000.0
        << " s: " << (options_.device.empty() ? "" : "the device or its ")
        << "PropertyService is away, or the broker's access list does not let "
-       << (options_.user.empty() ? "this client" : '"' + options_.user + '"') << " ask";
+       << (options_.user.empty() ? "this client" : '"' + escaped(options_.user) + '"') << " ask";
   if (const std::string& name = options_.name.empty() ? options_.user : options_.name; !name.empty()) {
-    text << " as \"" << name << '"';
+    text << " as \"" << escaped(name) << '"';
   }
   if (options_.user.empty() && !options_.tls) {
     text << " without --user";

@@ -8,6 +8,10 @@
 
 namespace propctl {
 
+/// What to do about a broker that has refused a connection for `reason`, to be added to it; empty for any
+/// other reason.
+std::string adviceOnRefusal(const std::string& reason, const propclient::Options& options);
+
 /// What a command works with: a connection and a place to talk.
 class Session {
  public:

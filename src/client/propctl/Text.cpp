@@ -2,12 +2,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <iostream>
+#include <iterator>
 #include <memory>
+#include <poll.h>
 #include <set>
 #include <sstream>
+#include <sys/signalfd.h>
 #include <system_error>
+#include <termios.h>
+#include <unistd.h>
 
 #include "client/check/JsonSource.h"
 #include "client/propctl/ExitStatus.h"
@@ -90,6 +97,54 @@ Assignment cut(const std::string& text) {
   return {text.substr(0, equals), text.substr(equals + 1)};
 }
 
+/// Keeps the terminal from showing what is typed, for as long as this object lives. Signals that end the
+/// program wait for it, so that none leaves the terminal so.
+class WithoutEcho {
+ public:
+  WithoutEcho() {
+    sigemptyset(&ends_);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP}) {
+      sigaddset(&ends_, signal);
+    }
+    sigprocmask(SIG_BLOCK, &ends_, nullptr);
+    tcgetattr(STDIN_FILENO, &before_);
+    termios silent = before_;
+    silent.c_lflag = (silent.c_lflag & ~static_cast<tcflag_t>(ECHO)) | ECHONL;
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+  }
+  WithoutEcho(const WithoutEcho&) = delete;
+  WithoutEcho& operator=(const WithoutEcho&) = delete;
+  ~WithoutEcho() {
+    tcsetattr(STDIN_FILENO, TCSANOW, &before_);
+    sigprocmask(SIG_UNBLOCK, &ends_, nullptr);
+  }
+
+  /// Returns when there is a line to read, or a signal that ends the program.
+  void wait() const {
+    const int signals = signalfd(-1, &ends_, SFD_CLOEXEC);
+    pollfd awaited[] = {{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}};
+    poll(awaited, std::size(awaited), -1);
+    close(signals);
+  }
+
+  bool isToEnd() const {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigisemptyset(&pending) == 0;
+  }
+
+ private:
+  sigset_t ends_{};
+  termios before_{};
+};
+
+bool askOnTerminal(const std::string& name, std::string& value) {
+  std::cerr << escaped(name) << ": " << std::flush;
+  const WithoutEcho silence;
+  silence.wait();
+  return !silence.isToEnd() && static_cast<bool>(std::getline(std::cin, value));
+}
+
 std::vector<Assignment> readLines(const std::string& text, const std::string& source) {
   std::vector<Assignment> assignments;
   std::istringstream lines(text);
@@ -105,7 +160,7 @@ std::vector<Assignment> readLines(const std::string& text, const std::string& so
       throw Failure(ExitStatus::refused, source + ':' + std::to_string(number) +
                                              ": NAME=VALUE expected: " + escaped(line.substr(0, kExcerpt)));
     }
-    const auto [name, value] = cut(line);
+    const auto [name, value, asked] = cut(line);
     assignments.push_back({unescaped(name), unescaped(value)});
   }
   return assignments;
@@ -136,7 +191,7 @@ std::vector<Assignment> readJson(const std::string& text, const std::string& sou
 }
 
 std::string sourceName(const std::string& file) {
-  return file == "-" ? "standard input" : file;
+  return file == "-" ? "standard input" : escaped(file);
 }
 
 struct Close {
@@ -203,9 +258,20 @@ std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments)
       throw Failure(ExitStatus::usage, "KEY=VALUE expected: \"" + escaped(argument) + '"');
     }
     assignments.push_back(cut(argument));
+    assignments.back().asked = assignments.back().value == "-";
   }
   requireDistinct(assignments, ExitStatus::usage, "");
   return assignments;
+}
+
+void readAskedValues(std::vector<Assignment>& assignments) {
+  const bool isTerminal = isatty(STDIN_FILENO) != 0;
+  for (auto& [name, value, asked] : assignments) {
+    if (asked &&
+        !(isTerminal ? askOnTerminal(name, value) : static_cast<bool>(std::getline(std::cin, value)))) {
+      throw Failure(ExitStatus::usage, "standard input: no line with the value of " + escaped(name));
+    }
+  }
 }
 
 std::vector<Assignment> readDump(const std::string& text, const std::string& source) {

@@ -18,6 +18,7 @@ std::string unescaped(std::string_view text);
 struct Assignment {
   std::string name;
   std::string value;
+  bool asked = false;  ///< "KEY=-": the value is read from standard input, and not repeated in errors.
 
   bool operator==(const Assignment&) const = default;
 };
@@ -25,6 +26,10 @@ struct Assignment {
 /// The arguments of "set": "KEY=VALUE…", each cut at its first "=", or "KEY VALUE" where KEY has none. Throws
 /// `Failure` (usage) for anything else and for a name that is given twice.
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
+
+/// Fills in the values that are asked for, each with a line of standard input. A terminal shows the name, and
+/// not what is typed. Throws `Failure` (usage) where there is no line.
+void readAskedValues(std::vector<Assignment>& assignments);
 
 /// The line "NAME=VALUE", with all escaped that would make another of it.
 std::string toLine(const Assignment& assignment);

@@ -63,9 +63,10 @@ class Printer {
  private:
   void printLine(const propclient::Change& change) {
     std::string line = output_.pale(now()) + ' ';
-    line += change.value ? toLine({change.key, *change.value}) : escaped(change.key) + " removed";
+    line += change.value ? toLine({change.key, output_.visible(change.key, *change.value)})
+                         : escaped(change.key) + " removed";
     if (withOld_ && change.old) {
-      line += output_.pale(" (was " + escaped(*change.old) + ')');
+      line += output_.pale(" (was " + escaped(output_.visible(change.key, *change.old)) + ')');
     }
     output_.line(line);
   }
@@ -108,9 +109,9 @@ ExitStatus watch(Session& session, const Names& groups, bool withOld, std::optio
   try {
     session.client().watch(groups, [&printer](const propclient::Change& change) { printer.print(change); });
   } catch (const propclient::ConnectionError& error) {
-    throw Failure(ExitStatus::noAnswer, error.what());
+    throw Failure(ExitStatus::noAnswer, escaped(error.what()));
   } catch (const std::invalid_argument& error) {
-    throw Failure(ExitStatus::usage, error.what());
+    throw Failure(ExitStatus::usage, escaped(error.what()));
   }
   int signal = 0;
   sigwait(&ends, &signal);

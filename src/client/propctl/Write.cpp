@@ -6,6 +6,7 @@
 #include "client/propctl/Rules.h"
 #include "client/propctl/Text.h"
 #include "wire/Columns.h"
+#include "wire/Names.h"
 
 namespace propctl {
 
@@ -41,48 +42,75 @@ Columns columnsIn(const std::map<std::string, Listed>& listed, const std::string
   return found != listed.end() && !found->second.value.empty() ? found->second.value.front() : Columns{};
 }
 
-std::string refusal(Status status, const std::string& value, const Columns& property) {
-  return std::string(propclient::toText(status)) + ": " + reasonFor(status, value, property);
+std::string reasonOf(Status status, const Assignment& assignment, const Columns& property) {
+  const bool secret = assignment.asked || propertyservice::isSecret(assignment.name) ||
+                      propertyservice::isSecret(columnOf(property, column::kKey));
+  return reasonFor(status, assignment.value, property, secret);
 }
 
-/// Complains of each that was not taken, in the order in which they were given.
-void complainOfFailures(Session& session, const std::vector<Assignment>& assignments, Field field,
+std::string refusal(Status status, const std::string& reason) {
+  return std::string(propclient::toText(status)) + ": " + reason;
+}
+
+void warn(Session& session, const Assignment& assignment, const Columns& property) {
+  if (const std::string caution = cautionFor(assignment.value, property); !caution.empty()) {
+    session.output().remark("warning: " + escaped(assignment.name) + ": " + caution);
+  }
+}
+
+/// What became of each. Complains of those that were not taken, and warns of what nobody may expect of the
+/// others, in the order in which they were given.
+Json::Value tellOutcome(Session& session, const std::vector<Assignment>& assignments, Field field,
                         const std::map<std::string, Status>& statuses) {
-  Names refused;
-  for (const auto& [name, status] : statuses) {
-    if (status != Status::ok && status != Status::noAnswer && status != Status::away) {
-      refused.push_back(name);
+  const auto isUnanswered = [](Status status) {
+    return status == Status::noAnswer || status == Status::away;
+  };
+  Names unclear;
+  bool isAnswered = false;
+  for (const Assignment& assignment : assignments) {
+    const Status status = statuses.at(assignment.name);
+    isAnswered |= !isUnanswered(status);
+    if (status == Status::ok ? mayNeedCaution(assignment.value) : !isUnanswered(status)) {
+      unclear.push_back(assignment.name);
     }
   }
-  const auto listed = listEach(session, refused, field);
-  for (const auto& [name, value] : assignments) {
-    if (const Status status = statuses.at(name); status != Status::ok) {
-      session.output().complain(escaped(name) + ": " + refusal(status, value, columnsIn(listed, name)));
+  const auto listed = listEach(session, unclear, field);
+  Json::Value outcomes(Json::objectValue);
+  for (const Assignment& assignment : assignments) {
+    const Status status = statuses.at(assignment.name);
+    const Columns property = columnsIn(listed, assignment.name);
+    Json::Value& outcome = outcomes[assignment.name];
+    outcome["status"] = propclient::toText(status);
+    if (status == Status::ok) {
+      warn(session, assignment, property);
+      continue;
+    }
+    const std::string reason = reasonOf(status, assignment, property);
+    outcome["reason"] = reason;
+    if (isAnswered) {
+      session.output().complain(escaped(assignment.name) + ": " + refusal(status, reason));
     }
   }
+  return outcomes;
 }
 
 /// Writes all that can be written.
 ExitStatus write(Session& session, const std::vector<Assignment>& assignments, Field field, bool sayHowMany) {
   Values values;
-  for (const auto& [name, value] : assignments) {
-    values.emplace(name, value);
+  for (const Assignment& assignment : assignments) {
+    values.emplace(assignment.name, assignment.value);
   }
   const std::map<std::string, Status> statuses = session.client().setEach(values, field);
 
-  Json::Value outcome(Json::objectValue);
   std::map<Status, std::size_t> counts;
   for (const auto& [name, status] : statuses) {
-    outcome[name] = propclient::toText(status);
     ++counts[status];
   }
   const std::size_t written = counts[Status::ok];
   const std::size_t silent = counts[Status::noAnswer];
-  if (silent + counts[Status::away] != statuses.size()) {
-    complainOfFailures(session, assignments, field, statuses);
-  }
+  const Json::Value outcomes = tellOutcome(session, assignments, field, statuses);
   if (session.output().style().json) {
-    session.output().json(outcome);
+    session.output().json(outcomes);
   }
   if (sayHowMany) {
     session.output().remark(std::to_string(written) + " of " + std::to_string(statuses.size()) + " written");
@@ -105,7 +133,8 @@ ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, 
   std::size_t refused = 0;
   Json::Value outcomes(Json::objectValue);
   Output& output = session.output();
-  for (const auto& [name, value] : assignments) {
+  for (const Assignment& assignment : assignments) {
+    const auto& [name, value, asked] = assignment;
     if (const auto answer = listed.find(name); answer != listed.end()) {
       session.answered(answer->second);
     }
@@ -114,14 +143,14 @@ ExitStatus tryOut(Session& session, const std::vector<Assignment>& assignments, 
     const Status verdict = state ? Status::ok : columns.empty() ? Status::notFound : judge(value, columns);
     std::string outcome = "would be written";
     if (verdict != Status::ok) {
-      outcome = refusal(verdict, value, columns);
+      outcome = refusal(verdict, reasonOf(verdict, assignment, columns));
       ++refused;
-    } else if (!state && columnOf(columns, column::kValue) == value) {
+    } else if (warn(session, assignment, columns); !state && columnOf(columns, column::kValue) == value) {
       outcome = "stays as it is";
     }
     outcomes[name] = outcome;
     if (!output.style().json) {
-      output.line(toLine({name, value}) + ": " + outcome);
+      output.line(toLine({name, output.visible(name, value)}) + ": " + outcome);
     }
   }
   if (output.style().json) {
@@ -183,12 +212,13 @@ ExitStatus reset(Session& session, const Names& names) {
       if (now == after.end()) {
         changes[key] = Json::Value();
         if (!output.style().json && !output.style().quiet) {
-          output.line(escaped(key) + ": " + escaped(old) + " -> removed");
+          output.line(escaped(key) + ": " + escaped(output.visible(key, old)) + " -> removed");
         }
       } else if (now->second != old) {
         changes[key] = now->second;
         if (!output.style().json && !output.style().quiet) {
-          output.line(escaped(key) + ": " + escaped(old) + " -> " + escaped(now->second));
+          output.line(escaped(key) + ": " + escaped(output.visible(key, old)) + " -> " +
+                      escaped(output.visible(key, now->second)));
         }
       }
     }

@@ -95,6 +95,7 @@ class CommandLine {
     addConnectionOptions();
     app_.add_flag("--json", json_, "Print JSON");
     app_.add_flag("--quiet,-q", quiet_, "No remarks");
+    app_.add_flag("--show-secrets", showSecrets_, "Passwords and PINs on a terminal, too");
     addReads();
     addWrites();
     addWatch();
@@ -126,7 +127,8 @@ class CommandLine {
                    .quiet = quiet_,
                    .table = isatty(STDOUT_FILENO) != 0 && !json_,
                    .colour = isatty(STDOUT_FILENO) != 0 && !json_ && wantsColours(),
-                   .progress = isatty(STDERR_FILENO) != 0});
+                   .progress = isatty(STDERR_FILENO) != 0,
+                   .hideSecrets = isatty(STDOUT_FILENO) != 0 && !json_ && !showSecrets_});
     const ExitStatus status = run_(output);
     output.flush();
     return status;
@@ -173,7 +175,7 @@ class CommandLine {
     add("--device", device_,
         "Serial number of a device behind a central broker; also several, patterns and @FILE",
         "PROPCTL_DEVICE")
-        ->type_name("SERIAL,…");
+        ->type_name("SERIAL,...");
     app_.add_option("--jobs", jobs_, "So many devices at once [16]")
         ->check(CLI::Range(1, 1024).description(""))
         ->group(group)
@@ -259,11 +261,13 @@ class CommandLine {
 
     verb = addVerb("list", "A table of properties");
     verb->add_option("PATTERN", pattern_, "Key or pattern [%]")->type_name("");
-    verb->add_option("--columns", columns_, "Columns, separated by commas")->type_name("COLUMN,…");
+    verb->add_option("--columns", columns_, "Columns, separated by commas")->type_name("COLUMN,...");
     verb->add_flag("--changed", onlyChanged_, "Only what differs from its default");
     onSession(verb,
-              [this](Session& session) { return list(session, pattern_, splitList(columns_), onlyChanged_); },
-              {.arguments = [this] { requireColumns(splitList(columns_)); }});
+              [this](Session& session) {
+                return list(session, pattern_, toColumns(splitList(columns_)), onlyChanged_);
+              },
+              {.arguments = [this] { requireColumns(toColumns(splitList(columns_))); }});
 
     verb = addVerb("describe", "Everything about one property");
     verb->add_option("NAME", name_, "Key or alias")->required()->type_name("");
@@ -283,10 +287,13 @@ class CommandLine {
 
   void addWrites() {
     CLI::App* verb = addVerb("set", "Write values");
-    addNames(verb, "ASSIGNMENT", names_, "KEY=VALUE, or KEY VALUE")->required();
+    addNames(verb, "ASSIGNMENT", names_, "KEY=VALUE, or KEY VALUE; KEY=- asks for the value")->required();
     addField(verb, "What names are [key]");
     onSession(verb, [this](Session& session) { return set(session, assignments_, field_); },
-              {.arguments = [this] { assignments_ = toAssignments(names_); }});
+              {.arguments = [this] {
+                assignments_ = toAssignments(names_);
+                readAskedValues(assignments_);
+              }});
 
     verb = addVerb("reset", "Take properties to their defaults");
     addNames(verb, "KEY", names_, "Key or pattern")->required();
@@ -352,6 +359,7 @@ class CommandLine {
   unsigned jobs_ = 16;
   bool json_ = false;
   bool quiet_ = false;
+  bool showSecrets_ = false;
   Names names_;
   std::vector<Assignment> assignments_;
   std::string name_;
@@ -382,7 +390,7 @@ int main(int argc, char** argv) {
     std::cerr << "propctl: " << failure.what() << std::endl;
     return static_cast<int>(failure.status());
   } catch (const std::exception& error) {
-    std::cerr << "propctl: " << error.what() << std::endl;
+    std::cerr << "propctl: " << propctl::escaped(error.what()) << std::endl;
     return static_cast<int>(ExitStatus::usage);
   }
 }

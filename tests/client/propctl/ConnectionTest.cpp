@@ -99,13 +99,17 @@ TEST_F(PropctlConnection, takesUserAndFileFromTheEnvironment) {
             printed("5\n"));
 }
 
-TEST_F(PropctlConnection, saysThatTheBrokerRefusesThePassword) {
+TEST_F(PropctlConnection, saysWhetherAPasswordIsWrongOrMissing) {
   write("wrong", "field\nguessed\n");
+  const std::string refused =
+      "propctl: no connection to the broker at localhost:1883: Connection Refused: not authorised; ";
 
-  const Outcome outcome = propctl("--password-file " + file("wrong") + " get Audio.Volume");
-
-  EXPECT_EQ(outcome.status, 3);
-  EXPECT_THAT(outcome.errors, StartsWith("propctl: no connection to the broker at localhost:1883: "));
+  EXPECT_EQ(propctl("--password-file " + file("wrong") + " get Audio.Volume"),
+            failed(3, refused + "the password of \"field\" is wrong, or there is no such user\n"));
+  EXPECT_EQ(propctl("--user field get Audio.Volume"),
+            failed(3, refused + "\"field\" came without a password: --password-file names a file with it\n"));
+  EXPECT_EQ(propctl("get Audio.Volume"),
+            failed(3, refused + "no user was given: --user and --password-file say who asks\n"));
 }
 
 TEST_F(PropctlConnection, namesBothCausesWhenTheAccessListKeepsItFromAsking) {

@@ -1,19 +1,22 @@
+#include <regex>
+
 #include <gmock/gmock.h>
 
 #include "client/propctl/Propctl.h"
 #include "support/Device.h"
+#include "wire/Names.h"
 
 namespace propertyservice::test {
 namespace {
 
+/// What a terminal gets to see of a command.
+std::string onTerminal(const std::string& command) {
+  return shell("script --quiet --return --command '" + command + "' /dev/null").output;
+}
+
 class PropctlReads : public ::testing::Test {
  protected:
   PropctlReads() { device_.start(); }
-
-  /// What a terminal gets to see of a command.
-  static std::string onTerminal(const std::string& command) {
-    return shell("script --quiet --return --command '" + command + "' /dev/null").output;
-  }
 
   /// How a command ends whose output nobody reads any more.
   static Outcome intoAClosedPipe(const std::string& command) {
@@ -120,6 +123,12 @@ TEST_F(PropctlReads, takesASerialNumberWithACommaBehindItForOne) {
               ::testing::StartsWith("propctl: no answer from D1 at localhost:1883 within 0.2 s: "));
 }
 
+TEST_F(PropctlReads, printsALineOfJsonForEachDeviceThatDoesNotAnswer) {
+  EXPECT_THAT(propctl("--json --quiet --timeout 0.2 --device D1,D2 --jobs 1 get Audio.Volume").output,
+              ::testing::MatchesRegex("\\{\"device\":\"D1\",\"error\":\"no answer from D1 at [^\n]*\n"
+                                      "\\{\"device\":\"D2\",\"error\":\"no answer from D2 at [^\n]*\n"));
+}
+
 TEST_F(PropctlReads, takesAPatternOfSerialNumbersInBracketsAsItIs) {
   EXPECT_EQ(propctl("--name fleet --device '[12]' ping"),
             failed(1, "propctl: no device that the central broker knows matches [12]\n"));
@@ -144,10 +153,10 @@ TEST_F(PropctlReads, listsNothingWhereNothingDiffers) {
 
 TEST_F(PropctlReads, alignsAndMarksATableOnATerminal) {
   EXPECT_EQ(onTerminal("NO_COLOR=1 " PROPCTL " list Audio.%"),
-            "key             value  defaultvalues  flags\r\n"
-            "Audio.Codec     opus   opus           user\r\n"
-            "Audio.Ringtone  bell   bell           setting\r\n"
-            "Audio.Volume    5      * 4            user\r\n");
+            "key             value  default  flags\r\n"
+            "Audio.Codec     opus   opus     user\r\n"
+            "Audio.Ringtone  bell   bell     setting\r\n"
+            "Audio.Volume    5      * 4      user\r\n");
 }
 
 TEST_F(PropctlReads, coloursATableOnATerminal) {
@@ -197,6 +206,12 @@ TEST_F(PropctlReads, dumpsByProvisioningName) {
   EXPECT_EQ(propctl("dump"), printed("P_HOSTNAME=desk\nP_VOLUME=5\n"));
 }
 
+TEST_F(PropctlReads, takesDefaultForTheColumnOfTheDefaults) {
+  EXPECT_EQ(onTerminal("NO_COLOR=1 " PROPCTL " list --columns key,default Audio.V%"),
+            "key           default\r\nAudio.Volume  * 4\r\n");
+  EXPECT_EQ(propctl("--json list --columns default Audio.V%"), printed("[{\"defaultvalues\":\"4\"}]\n"));
+}
+
 TEST_F(PropctlReads, saysThatTheDiskTookNoOutput) {
   EXPECT_EQ(shell("propctl get Audio.Volume >/dev/full"),
             failed(1, "propctl: cannot write the output: No space left on device\n"));
@@ -222,6 +237,75 @@ TEST_F(PropctlReads, endsSilentlyWhenTheReaderGoesInTheMiddle) {
   device_.set("Audio.Ringtone", std::string(256, 'x'));
 
   EXPECT_EQ(intoAClosedPipe("propctl get $(printf 'Audio.Ringtone %.0s' {1..100})"), printed("141\n"));
+}
+
+TEST(PropctlSecrets, areDotsOnATerminalAndThemselvesElsewhere) {
+  std::vector<Row> rows = Device::defaultRows();
+  rows.push_back({.key = "Keys.Lock.PIN",
+                  .value = "1234",
+                  .defaultValue = "0000",
+                  .flags = 2,
+                  .webui = "LockCode",
+                  .regexp = "^[0-9]{4}$"});
+  rows.push_back({.key = "SIP.AuthPassword", .value = "", .defaultValue = "", .flags = 2});
+  Device device(rows);
+  device.start();
+  const std::string rest =
+      "rules         matches ^[0-9]{4}$\nflags         setting (2)\nweb           LockCode\n"
+      "provisioning  -\ntr069         -\n";
+  struct Case {
+    std::string arguments, hidden, shown;
+  };
+  const std::vector<Case> cases = {
+      {"get Keys.Lock.PIN", "••••\n", "1234\n"},
+      {"get --by web LockCode", "••••\n", "1234\n"},
+      {"get --by web Lock%", "LockCode=••••\n", "LockCode=1234\n"},
+      {"get Keys.Lock.PIN SIP.AuthPassword Audio.Codec",
+       "Keys.Lock.PIN=••••\nSIP.AuthPassword=\nAudio.Codec=opus\n",
+       "Keys.Lock.PIN=1234\nSIP.AuthPassword=\nAudio.Codec=opus\n"},
+      {"list --columns value,default,key Keys%", "value  default  key\n••••   * ••••   Keys.Lock.PIN\n",
+       "value  default  key\n1234   * 0000   Keys.Lock.PIN\n"},
+      {"describe Keys.Lock.PIN",
+       "key           Keys.Lock.PIN\nvalue         ••••   (changed)\ndefault       ••••\n" + rest,
+       "key           Keys.Lock.PIN\nvalue         1234   (changed)\ndefault       0000\n" + rest},
+      {"--json get Keys.Lock.PIN", "{\"Keys.Lock.PIN\":\"1234\"}\n", "{\"Keys.Lock.PIN\":\"1234\"}\n"},
+      {"load --by key --dry-run /config/pins",
+       "Keys.Lock.PIN=••••: RegExpError: the value does not match the expression ^[0-9]{4}$\n"
+       "propctl: 1 of 1 would be refused\n",
+       "Keys.Lock.PIN=12: RegExpError: the value does not match the expression ^[0-9]{4}$\n"
+       "propctl: 1 of 1 would be refused\n"},
+      {"set Keys.Lock.PIN=12",
+       "propctl: Keys.Lock.PIN: RegExpError: the value does not match the expression ^[0-9]{4}$\n",
+       "propctl: Keys.Lock.PIN: RegExpError: the value does not match the expression ^[0-9]{4}$\n"},
+      {"reset Keys.Lock.PIN", "Keys.Lock.PIN: •••• -> ••••\n", "Keys.Lock.PIN: 1234 -> 0000\n"},
+  };
+  Device::writeFile("/config/pins", "Keys.Lock.PIN=12\n");
+  const auto plain = [](const std::string& text) {
+    return std::regex_replace(text, std::regex("\r|\033\\[K"), "");
+  };
+  for (const auto& [arguments, hidden, shown] : cases) {
+    EXPECT_EQ(plain(onTerminal("NO_COLOR=1 " PROPCTL " " + arguments)), hidden) << arguments;
+    device.set("Keys.Lock.PIN", "1234");
+    EXPECT_EQ(plain(onTerminal("NO_COLOR=1 " PROPCTL " --show-secrets " + arguments)), shown) << arguments;
+    device.set("Keys.Lock.PIN", "1234");
+  }
+  EXPECT_EQ(propctl("get Keys.Lock.PIN"), printed("1234\n"));
+  EXPECT_THAT(shell("script --quiet --command 'NO_COLOR=1 " PROPCTL
+                    " watch --count 1' /dev/null & watcher=$!; pin=2000\n"
+                    "while kill -0 $watcher 2>/dev/null; do propctl set Keys.Lock.PIN=$((pin += 1)); done")
+                  .output,
+              ::testing::ContainsRegex("^[^ ]+ .*Keys\\.Lock\\.PIN=•••• \\(was ••••\\)"));
+}
+
+TEST(PropctlSecrets, areNamedByTheRuleOfThePage) {
+  const std::string page = Device::readFile(SOURCE_DIRECTORY "/device/web/properties.js");
+  std::smatch rule;
+  ASSERT_TRUE(std::regex_search(page, rule, std::regex(R"(return /(.+)/i\.test\(key\))")));
+  const std::regex expression(rule[1].str(), std::regex::icase);
+  for (const std::string name : {"Web.Password", "web.password", "AuthPASSWORD", "Keys.Lock.PIN", "lockPin",
+                                 "PIN", "Password.Age", "Ping", "Shopping.List", "Passwort", ""}) {
+    EXPECT_EQ(isSecret(name), std::regex_search(name, expression)) << name;
+  }
 }
 
 }  // namespace

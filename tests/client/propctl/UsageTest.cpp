@@ -60,10 +60,34 @@ INSTANTIATE_TEST_SUITE_P(
         Misuse{"--device A,B complete-keys", "this command takes one device at a time"},
         Misuse{"ping ping", "The following argument was not expected"},
         Misuse{"$'get\\n' x", "no such command: get\\n"},
+        Misuse{"--name $'a\\n/b' ping", "no name for a sender: \"a\\n/b\""},
+        Misuse{"--device $'a\\n/b' ping", "no serial number: \"a\\n/b\""},
+        Misuse{"--password-file $'no\\nwhere' ping", "no\\nwhere: No such file or directory"},
         Misuse{"--device HQ-* ping", "the list of devices takes --name"},
         Misuse{"--device @/dev/null ping", "--device: no serial number in @/dev/null"}));
 
 class Propctl : public ::testing::Test {};
+
+TEST_F(Propctl, escapesArgumentsInErrors) {
+  struct Case {
+    std::string arguments, error;
+  };
+  const std::vector<Case> cases = {
+      {"load $'no\\nwhere'", "no\\nwhere: No such file or directory"},
+      {"--timeout 1 --host $'no\\nwhere' ping", "no connection to the broker at no\\nwhere:1883: "},
+      {"--port 1 --device $'A\\nB,C' --jobs 1 ping", "A\\nB: no serial number: \"A\\nB\"\npropctl: C: "},
+      {"--device $'@no\\nwhere' ping", "no\\nwhere: No such file or directory"},
+  };
+  for (const auto& [arguments, error] : cases) {
+    EXPECT_THAT(propctl(arguments).errors, StartsWith("propctl: " + error)) << arguments;
+  }
+}
+
+TEST_F(Propctl, alignsTheColumnsOfItsHelp) {
+  EXPECT_THAT(propctl("list --help").output,
+              HasSubstr("  --columns COLUMN,...        Columns, separated by commas\n"
+                        "  --changed                   Only what differs"));
+}
 
 TEST_F(Propctl, takesOptionsBeforeAndBehindTheCommand) {
   const std::string refused =

@@ -19,7 +19,7 @@ _propctl_offer_columns() {
   local before=''
   [[ $current != *,* ]] || before=${current%,*},
   current=${current##*,}
-  _propctl_offer 'key value defaultvalues flags webui provisioning tr069 regexp enum range_min range_max'
+  _propctl_offer 'key value default flags webui provisioning tr069 regexp enum range_min range_max'
   COMPREPLY=("${COMPREPLY[@]/#/$before}")
   compopt -o nospace
 }
@@ -62,7 +62,7 @@ _propctl() {
   esac
 
   if [[ $current == -* ]]; then
-    local options='--host --port --user --password-file --name --cafile --cert --key --device --jobs --timeout --json --quiet --version --help'
+    local options='--host --port --user --password-file --name --cafile --cert --key --device --jobs --timeout --json --quiet --show-secrets --version --help'
     case $command in
       get | set | describe) options+=' --by' ;;
       load) options+=' --by --dry-run' ;;

@@ -61,6 +61,7 @@ complete -c propctl -l jobs -x -d 'So many devices at once'
 complete -c propctl -l timeout -x -d 'Seconds for each answer'
 complete -c propctl -l json -d 'Print JSON'
 complete -c propctl -s q -l quiet -d 'No remarks'
+complete -c propctl -l show-secrets -d 'Passwords and PINs on a terminal, too'
 complete -c propctl -l version -d 'Print the version'
 complete -c propctl -s h -l help -d 'Print help'
 
