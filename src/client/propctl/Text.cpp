@@ -106,7 +106,7 @@ class WithoutEcho {
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGTSTP}) {
       sigaddset(&ends_, signal);
     }
-    sigprocmask(SIG_BLOCK, &ends_, nullptr);
+    pthread_sigmask(SIG_BLOCK, &ends_, nullptr);
     tcgetattr(STDIN_FILENO, &before_);
     termios silent = before_;
     silent.c_lflag = (silent.c_lflag & ~static_cast<tcflag_t>(ECHO)) | ECHONL;
@@ -116,7 +116,7 @@ class WithoutEcho {
   WithoutEcho& operator=(const WithoutEcho&) = delete;
   ~WithoutEcho() {
     tcsetattr(STDIN_FILENO, TCSANOW, &before_);
-    sigprocmask(SIG_UNBLOCK, &ends_, nullptr);
+    pthread_sigmask(SIG_UNBLOCK, &ends_, nullptr);
   }
 
   /// Returns when there is a line to read, or a signal that ends the program.
