@@ -22,7 +22,7 @@
 namespace propertyservice::test {
 
 /// A Mosquitto broker of the test's own on loopback port 1883, for tests that have a network of their own. It
-/// accepts connections when a start has returned and goes with this object, and with the test program.
+/// serves clients when a start has returned and goes with this object, and with the test program.
 class Broker {
  public:
   /// Starts it. `configuration` has further lines of its configuration file.
@@ -101,15 +101,21 @@ class Broker {
     }
   }
 
+  /// Whether the broker answers a client. The system takes connections for it earlier; a SIGTERM that comes
+  /// before it serves them is lost.
   bool answers() const {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port_);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool connected = connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    constexpr char kConnect[] = "\x10\x0C\x00\x04MQTT\x04\x02\x00\x3C\x00";
+    char answer = 0;
+    const bool answered = connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                          send(socket, kConnect, sizeof kConnect, MSG_NOSIGNAL) == sizeof kConnect &&
+                          recv(socket, &answer, 1, 0) == 1;
     close(socket);
-    return connected;
+    return answered;
   }
 
   std::string log() const {
