@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <functional>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <stdexcept>
@@ -76,16 +77,19 @@ void TcpProxy::relay() {
     for (std::size_t i = 0; i < pairs.size(); ++i) {
       const bool alive = (watched[1 + 2 * i].revents == 0 || forward(pairs[i], true)) &&
                          (watched[2 + 2 * i].revents == 0 || forward(pairs[i], false));
-      if (alive && budget_ != 0) {
+      if (alive) {
         kept.push_back(pairs[i]);
       } else {
         pairs[i].close();
       }
     }
-    pairs = std::move(kept);
-    if (budget_ == 0) {
-      budget_ = kNoBudget;
+    // A single look at the budget cuts and resets: a cut that is asked for right after it waits for the next
+    // turn.
+    if (std::ptrdiff_t spent = 0; budget_.compare_exchange_strong(spent, kNoBudget)) {
+      std::for_each(kept.begin(), kept.end(), std::mem_fn(&Pair::close));
+      kept.clear();
     }
+    pairs = std::move(kept);
     if (watched.front().revents != 0) {
       takeConnection(pairs);
     }
