@@ -39,7 +39,9 @@ constexpr char kRows[] =
 std::string separateRows(int count) {
   std::string script = kTable + kRows;
   for (int row = 0; row < count; ++row) {
-    script += "INSERT INTO settings(key, value) VALUES ('Row." + std::to_string(row) + "', 'x');\n";
+    script.append("INSERT INTO settings(key, value) VALUES ('Row.")
+        .append(std::to_string(row))
+        .append("', 'x');\n");
   }
   return script;
 }
