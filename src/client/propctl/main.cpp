@@ -107,6 +107,7 @@ class CommandLine {
   ExitStatus run(int argc, char** argv) {
     try {
       app_.parse(toParse(argc, argv));
+      refuseNonsensicalEnvironment();
       if (!run_) {
         throw CLI::RequiredError("A command");
       }
@@ -183,6 +184,17 @@ class CommandLine {
     add("--timeout", connection_.timeout, "For each answer [5; maintenance 60]", "PROPCTL_TIMEOUT")
         ->check(CLI::Range(0.001, 86400.0).description(""))
         ->type_name("SECONDS");
+  }
+
+  /// Refuses a variable whose value its option does not allow; CLI11 ignores it from 2.4 on.
+  void refuseNonsensicalEnvironment() {
+    for (CLI::Option* const option : app_.get_options()) {
+      const std::string value(environment(option->get_envname().c_str()));
+      if (option->count() == 0 && !value.empty()) {
+        option->add_result(value);
+        option->run_callback();
+      }
+    }
   }
 
   void readConfigurationFiles() {
