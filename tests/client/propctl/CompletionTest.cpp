@@ -19,11 +19,13 @@ class PropctlCompletion : public ::testing::Test {
         .output;
   }
 
-  /// What fish offers for the end of the line, without the explanations.
+  /// What fish offers for the end of the line, without the explanations. Fish 4 also prints what only has the
+  /// letters of the last word somewhere.
   std::string inFish(const std::string& line) const {
     return shell("HOME=" + directory_.path() +
                  " fish --no-config -c 'function propctl; " PROPCTL " $argv; end; source " + kCompletions +
-                 "/propctl.fish; complete -C \"" + line + "\"' | cut -f1")
+                 "/propctl.fish; complete -C \"" + line + "\"' | cut -f1 | grep '^" +
+                 line.substr(line.rfind(' ') + 1) + "'")
         .output;
   }
 

@@ -15,6 +15,15 @@ function __propctl_connection
     end
 end
 
+# Whether the line has one of these words. The function that fish 4.0 has for it takes a "set" for a "reset", too.
+function __propctl_seen
+    for token in (commandline -opc)
+        contains -- $token $argv
+        and return
+    end
+    return 1
+end
+
 # Asks that device, and gives up early.
 function __propctl_keys
     propctl (__propctl_connection) --timeout 1 complete-keys -- (commandline -ct) 2>/dev/null
@@ -29,7 +38,7 @@ function __propctl_groups
 end
 
 set -l commands get set reset list describe watch dump load backup restore sysdump prepare ping check devices
-set -l none "not __fish_seen_subcommand_from $commands"
+set -l none "not __propctl_seen $commands"
 
 complete -c propctl -f
 complete -c propctl -n $none -a get -d 'Read values'
@@ -65,15 +74,15 @@ complete -c propctl -l show-secrets -d 'Passwords and PINs on a terminal, too'
 complete -c propctl -l version -d 'Print the version'
 complete -c propctl -s h -l help -d 'Print help'
 
-complete -c propctl -n '__fish_seen_subcommand_from get list describe reset' -a '(__propctl_keys)'
-complete -c propctl -n '__fish_seen_subcommand_from set' -a '(__propctl_assignments)'
-complete -c propctl -n '__fish_seen_subcommand_from watch' -a '(__propctl_groups)'
-complete -c propctl -n '__fish_seen_subcommand_from prepare' -a 'version-change factory-reset'
-complete -c propctl -n '__fish_seen_subcommand_from load check' -F
-complete -c propctl -n '__fish_seen_subcommand_from get set describe load' -l by -x -a 'key web provisioning' -d 'What names are'
-complete -c propctl -n '__fish_seen_subcommand_from list' -l columns -x -d 'Columns, separated by commas'
-complete -c propctl -n '__fish_seen_subcommand_from list' -l changed -d 'Only what differs from its default'
-complete -c propctl -n '__fish_seen_subcommand_from watch' -l no-old -d 'Leave out the value before'
-complete -c propctl -n '__fish_seen_subcommand_from watch ping' -l count -x -d 'So many'
-complete -c propctl -n '__fish_seen_subcommand_from load' -l dry-run -d 'Write nothing'
-complete -c propctl -n '__fish_seen_subcommand_from backup' -l all -d 'All settings'
+complete -c propctl -n '__propctl_seen get list describe reset' -a '(__propctl_keys)'
+complete -c propctl -n '__propctl_seen set' -a '(__propctl_assignments)'
+complete -c propctl -n '__propctl_seen watch' -a '(__propctl_groups)'
+complete -c propctl -n '__propctl_seen prepare' -a 'version-change factory-reset'
+complete -c propctl -n '__propctl_seen load check' -F
+complete -c propctl -n '__propctl_seen get set describe load' -l by -x -a 'key web provisioning' -d 'What names are'
+complete -c propctl -n '__propctl_seen list' -l columns -x -d 'Columns, separated by commas'
+complete -c propctl -n '__propctl_seen list' -l changed -d 'Only what differs from its default'
+complete -c propctl -n '__propctl_seen watch' -l no-old -d 'Leave out the value before'
+complete -c propctl -n '__propctl_seen watch ping' -l count -x -d 'So many'
+complete -c propctl -n '__propctl_seen load' -l dry-run -d 'Write nothing'
+complete -c propctl -n '__propctl_seen backup' -l all -d 'All settings'
