@@ -1,6 +1,7 @@
 #include "fleet/CentralClient.h"
 
 #include <algorithm>
+#include <csignal>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -30,6 +31,8 @@ CentralClient::CentralClient(std::string name, int port, const Certificate& cert
     : name_(std::move(name)) {
   static const int initialised = mosquitto_lib_init();
   check(initialised, "initialise the client library");
+  // Under TLS, libmosquitto raises it when it takes its leave of a centre that has gone.
+  std::signal(SIGPIPE, SIG_IGN);
   client_.reset(mosquitto_new(clientIdentifier.empty() ? nullptr : clientIdentifier.c_str(), true, this));
   mosquitto_int_option(client_.get(), MOSQ_OPT_TCP_NODELAY, 1);
   check(mosquitto_tls_set(client_.get(), certificate.authority.c_str(), nullptr,
