@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <future>
+#include <iterator>
 #include <mutex>
 #include <random>
 #include <set>
@@ -10,9 +11,11 @@
 
 #include "mqtt/Connection.h"
 #include "mqtt/Text.h"
+#include "propclient/Listing.h"
 #include "propclient/Request.h"
 #include "propclient/Session.h"
 #include "propclient/Settings.h"
+#include "wire/Columns.h"
 #include "wire/Names.h"
 
 namespace propclient {
@@ -55,16 +58,18 @@ Options complete(Options options) {
   return options;
 }
 
-/// As the daemon spells them. Throws `std::invalid_argument` for what is no part of a topic.
-std::set<std::string> readGroups(const std::vector<std::string>& names) {
-  std::set<std::string> groups;
+/// Groups as the daemon spells them. Throws `std::invalid_argument` for a group that is no part of a topic.
+std::set<std::string> readNames(const std::vector<std::string>& names) {
+  std::set<std::string> watched;
   for (const std::string& name : names) {
-    if (!mqtt::isTopicLevel(name)) {
+    const auto groupOfKey = propertyservice::groupOf(name);
+    const std::string group = groupOfKey.value_or(propertyservice::lowerCased(name));
+    if (name != "%" && !mqtt::isTopicLevel(group)) {
       throw std::invalid_argument("no group: \"" + name + '"');
     }
-    groups.insert(propertyservice::lowerCased(name));
+    watched.insert(groupOfKey ? name : group);
   }
-  return groups;
+  return watched;
 }
 
 }  // namespace
@@ -80,7 +85,8 @@ class Client::Impl final : private mqtt::Listener, private Transport {
 
   void connect();
   void ask(Request request);
-  void watch(std::set<std::string> groups, std::function<void(const Change&)> callback);
+  void list(Listing::Question question, Callback<std::vector<Columns>> callback, Progress progress);
+  void watch(std::set<std::string> names, std::function<void(const Change&)> callback);
   void unwatch();
 
   /// Throws `std::logic_error` on the own thread, which would wait for itself.
@@ -88,15 +94,16 @@ class Client::Impl final : private mqtt::Listener, private Transport {
 
   std::optional<bool> present();
   void onPresence(std::function<void(std::optional<bool>)> callback);
+  void onConnection(std::function<void(bool)> callback);
 
  private:
   /// Empty where all went well.
   using Outcome = std::optional<std::string>;
 
   // Of the own thread, as of `mqtt::Listener`.
-  void opened() override { session_.opened(); }
+  void opened() override;
   void failed(const std::string& /*reason*/) override {}
-  void lost(const std::string& /*reason*/) override { session_.lost(); }
+  void lost(const std::string& /*reason*/) override;
   void subscribed(const std::vector<std::string>& refused) override { session_.subscribed(refused); }
   void received(const mqtt::Message& message) override { session_.received(message.topic, message.payload); }
   Deadline turned() override;
@@ -120,6 +127,8 @@ class Client::Impl final : private mqtt::Listener, private Transport {
   Session session_;
   bool ended_ = false;
   std::function<void(std::optional<bool>)> tellPresence_ = [](std::optional<bool>) {};
+  std::function<void(bool)> tellConnection_ = [](bool) {};
+  bool connected_ = false;
 
   std::mutex mutex_;
   std::optional<bool> present_;  ///< Guarded by mutex_.
@@ -158,23 +167,38 @@ void Client::Impl::ask(Request request) {
   });
 }
 
-void Client::Impl::watch(std::set<std::string> groups, std::function<void(const Change&)> callback) {
+void Client::Impl::list(Listing::Question question, Callback<std::vector<Columns>> callback,
+                        Progress progress) {
+  connection_.post([this, question = std::move(question), callback = std::move(callback),
+                    progress = std::move(progress)]() mutable {
+    if (ended_) {
+      return;
+    }
+    const auto answer = std::make_shared<Answer<std::vector<Columns>>>();
+    Listing::start(
+        std::move(question), [this](Request request) { session_.ask(std::move(request), Clock::now()); },
+        [answer, progress](std::vector<Columns> rows, std::size_t all) {
+          std::move(rows.begin(), rows.end(), std::back_inserter(answer->value));
+          if (progress) {
+            progress(answer->value.size(), all);
+          }
+          return true;
+        },
+        [answer, callback](Status status) {
+          answer->status = status;
+          callback(answer->ok() ? *answer : Answer<std::vector<Columns>>{status, {}});
+        });
+  });
+}
+
+void Client::Impl::watch(std::set<std::string> names, std::function<void(const Change&)> callback) {
   refuseOnOwnThread();
   const auto outcome = std::make_shared<std::promise<Outcome>>();
-  connection_.post([this, groups = std::move(groups), callback = std::move(callback), outcome]() mutable {
-    session_.watch(std::move(groups), std::move(callback),
+  connection_.post([this, names = std::move(names), callback = std::move(callback), outcome]() mutable {
+    session_.watch(std::move(names), std::move(callback),
                    [outcome](const Outcome& failure) { outcome->set_value(failure); });
   });
-  auto result = outcome->get_future();
-  if (result.wait_for(options_.timeout) == std::future_status::timeout) {
-    unwatch();
-    if (present() == false) {
-      throw ConnectionError("no watch over the broker at " + broker() + ": the daemon is away");
-    }
-    throw ConnectionError("no watch over the broker at " + broker() +
-                          ": the daemon does not answer, or with more than the broker lets pass");
-  }
-  if (const Outcome failure = result.get()) {
+  if (const Outcome failure = outcome->get_future().get()) {
     throw ConnectionError("no watch over the broker at " + broker() + ": " + *failure);
   }
 }
@@ -191,6 +215,18 @@ void Client::Impl::refuseOnOwnThread() const {
   if (connection_.isOwnThread()) {
     throw std::logic_error("propclient: a call that waits for an answer, made from a callback");
   }
+}
+
+void Client::Impl::opened() {
+  session_.opened();
+  connected_ = true;
+  tellConnection_(connected_);
+}
+
+void Client::Impl::lost(const std::string& /*reason*/) {
+  session_.lost();
+  connected_ = false;
+  tellConnection_(connected_);
 }
 
 Deadline Client::Impl::turned() {
@@ -234,6 +270,13 @@ void Client::Impl::onPresence(std::function<void(std::optional<bool>)> callback)
   });
 }
 
+void Client::Impl::onConnection(std::function<void(bool)> callback) {
+  connection_.post([this, callback = std::move(callback)]() mutable {
+    tellConnection_ = std::move(callback);
+    tellConnection_(connected_);
+  });
+}
+
 void Client::Impl::doThere(std::function<void()> work) {
   const auto done = std::make_shared<std::promise<void>>();
   connection_.post([work = std::move(work), done] {
@@ -271,6 +314,10 @@ void Client::onPresence(std::function<void(std::optional<bool>)> callback) {
   impl_->onPresence(std::move(callback));
 }
 
+void Client::onConnection(std::function<void(bool)> callback) {
+  impl_->onConnection(std::move(callback));
+}
+
 Answer<Client::Nothing> Client::ping() {
   impl_->refuseOnOwnThread();
   return await<Nothing>([&](auto callback) { ping(callback); });
@@ -299,14 +346,15 @@ void Client::set(const std::string& name, const std::string& value, Field field,
 }
 
 Answer<std::vector<Columns>> Client::list(const std::string& pattern, const std::vector<std::string>& columns,
-                                          Field field) {
+                                          Field field, const Progress& progress) {
   impl_->refuseOnOwnThread();
-  return await<std::vector<Columns>>([&](auto callback) { list(pattern, columns, field, callback); });
+  return await<std::vector<Columns>>(
+      [&](auto callback) { list(pattern, columns, field, callback, progress); });
 }
 
 void Client::list(const std::string& pattern, const std::vector<std::string>& columns, Field field,
-                  Callback<std::vector<Columns>> callback) {
-  impl_->ask(request::list(pattern, columns, field, std::move(callback)));
+                  Callback<std::vector<Columns>> callback, const Progress& progress) {
+  impl_->list({.pattern = pattern, .columns = columns, .field = field}, std::move(callback), progress);
 }
 
 Answer<Client::Nothing> Client::setList(const Values& values, Field field) {
@@ -348,7 +396,17 @@ Answer<Values> Client::provisioningDump() {
 }
 
 void Client::provisioningDump(Callback<Values> callback) {
-  impl_->ask(request::provisioningDump(std::move(callback)));
+  const std::string name(propertyservice::column::kProvisioning);
+  const std::string value(propertyservice::column::kValue);
+  list("%", {name, value}, Field::provisioning,
+       [=, callback = std::move(callback)](const Answer<std::vector<Columns>>& listed) {
+         Answer<Values> answer{listed.status == Status::notFound ? Status::ok : listed.status, {}};
+         for (const Columns& property : listed.value) {
+           const auto found = property.find(value);
+           answer.value.emplace(property.at(name), found == property.end() ? std::string() : found->second);
+         }
+         callback(answer);
+       });
 }
 
 Answer<Client::Nothing> Client::makeBackup(bool allSettings) {
@@ -396,8 +454,8 @@ void Client::makeSysdump(Callback<Nothing> callback) {
   impl_->ask(request::maintenance(propertyservice::method::kMakeSysdump, std::move(callback)));
 }
 
-void Client::watch(const std::vector<std::string>& groups, std::function<void(const Change&)> callback) {
-  impl_->watch(readGroups(groups), std::move(callback));
+void Client::watch(const std::vector<std::string>& names, std::function<void(const Change&)> callback) {
+  impl_->watch(readNames(names), std::move(callback));
 }
 
 void Client::unwatch() {

@@ -24,7 +24,8 @@ enum class Status {
   dbError,           ///< A store or a backup of the daemon failed.
   invalidRequest,    ///< The daemon does not know the request.
   noAnswer,          ///< None in time, the connection broke meanwhile, or request or answer were longer than
-                     ///< the broker lets pass (1 MiB on the device): whether it was served is unknown.
+                     ///< the broker lets pass (1 MiB on the device): whether it was served is unknown, and it
+                     ///< may still be served.
   away,              ///< The daemon has announced that it is away, so nothing was sent.
 };
 
@@ -85,7 +86,7 @@ struct Options {
   /// topic); empty: the device at the broker itself.
   std::string device{};
 
-  std::chrono::milliseconds timeout{5000};  ///< For `connect` and for each answer.
+  std::chrono::milliseconds timeout{5000};  ///< For `connect` and for each answer of the daemon.
 };
 
 /// One connection to the daemon.
@@ -105,6 +106,10 @@ class Client {
   template <typename T>
   using Callback = std::function<void(const Answer<T>&)>;
   struct Nothing {};
+
+  /// The receiver of how many properties of a list have been read, and how many there are; called on the
+  /// client's own thread.
+  using Progress = std::function<void(std::size_t read, std::size_t all)>;
 
   /// Connects to nothing yet. Throws `std::invalid_argument` for a name or device that is no single topic
   /// level.
@@ -129,6 +134,9 @@ class Client {
   /// call replaces the callback.
   void onPresence(std::function<void(std::optional<bool>)> callback);
 
+  /// Calls `callback` with whether there is a connection to the broker, in the same way.
+  void onConnection(std::function<void(bool)> callback);
+
   /// Round trip to the daemon.
   Answer<Nothing> ping();
   void ping(Callback<Nothing> callback);
@@ -143,10 +151,14 @@ class Client {
   /// Chosen columns (all where `columns` is empty) of the properties whose name in `field` matches `pattern`:
   /// "%" stands for any text. Not for "State." keys. `notFound` where nothing matches. In no particular
   /// order.
+  ///
+  /// However many match: unless only their names are asked for, a pattern takes several requests, so that
+  /// each answer is shorter than the broker's limit. Each of them has the time-out for itself, and what
+  /// others ask may be served between them.
   Answer<std::vector<Columns>> list(const std::string& pattern, const std::vector<std::string>& columns = {},
-                                    Field field = Field::key);
+                                    Field field = Field::key, const Progress& progress = {});
   void list(const std::string& pattern, const std::vector<std::string>& columns, Field field,
-            Callback<std::vector<Columns>> callback);
+            Callback<std::vector<Columns>> callback, const Progress& progress = {});
 
   /// Writes several in one request. The daemon removes all blanks from names and values, and answers ok
   /// unless every one failed; `setEach` does neither.
@@ -160,7 +172,7 @@ class Client {
   Answer<Nothing> reset(const std::string& pattern);
   void reset(const std::string& pattern, Callback<Nothing> callback);
 
-  /// All values by provisioning name.
+  /// All values by provisioning name, read as `list` does.
   Answer<Values> provisioningDump();
   void provisioningDump(Callback<Values> callback);
 
@@ -181,13 +193,18 @@ class Client {
   Answer<Nothing> makeSysdump();
   void makeSysdump(Callback<Nothing> callback);
 
-  /// Calls `callback`, on the client's own thread, for each change of a property in `groups` (the part of the
-  /// key before the first ".", in any case), of all properties where `groups` is empty. After a loss of the
-  /// connection what is watched is read again, and what changed meanwhile is told as any other change.
+  /// Calls `callback`, on the client's own thread, for each change of what `names` stand for: keys, and
+  /// groups (the part of the key before the first ".", in any case). "%", and no name at all, stand for all
+  /// properties. A key without a "." is announced to those alone who watch all.
+  ///
+  /// After a loss of the connection, and after a restart of the daemon, what is watched is read again, and
+  /// what changed meanwhile is told as any other change; of "State." keys only those that are named or were
+  /// told of before.
+  ///
   /// Returns once the broker has accepted the subscriptions and the present values are read; throws
-  /// `ConnectionError` where it does not, and `std::invalid_argument` for a group that is no part of a topic.
-  /// One watch at a time: a second one takes the place of the first.
-  void watch(const std::vector<std::string>& groups, std::function<void(const Change&)> callback);
+  /// `ConnectionError` where nothing comes for the time-out, and `std::invalid_argument` for a group that is
+  /// no part of a topic. One watch at a time: a second one takes the place of the first.
+  void watch(const std::vector<std::string>& names, std::function<void(const Change&)> callback);
 
   /// When it has returned, the callback of `watch` is not called any more. A callback may call it, too.
   void unwatch();

@@ -159,31 +159,6 @@ Reading<std::vector<Columns>> readListReply(const Json::Value& reply, const std:
   return answer;
 }
 
-/// Whether an object is a reply of another kind rather than a dump, which has members of any name.
-bool hasOnlyReplyMembers(const Json::Value& reply) {
-  const std::vector<std::string> members = reply.getMemberNames();
-  return std::all_of(members.begin(), members.end(), [](const std::string& name) {
-    return name == PROPERTY_PARAM || name == PROPERTY_RESULT || name == PROPERTY_STATUS;
-  });
-}
-
-Reading<Values> readDumpReply(const Json::Value& reply) {
-  if (reply.isNull()) {
-    return Answer<Values>{Status::ok, {}};
-  }
-  if (!reply.isObject() || hasOnlyReplyMembers(reply)) {
-    return std::nullopt;
-  }
-  Answer<Values> answer{Status::ok, {}};
-  for (auto member = reply.begin(); member != reply.end(); ++member) {
-    if (!member->isString()) {
-      return std::nullopt;
-    }
-    answer.value.emplace(member.name(), member->asString());
-  }
-  return answer;
-}
-
 Reading<Nothing> readLivenessReply(const Json::Value& reply) {
   if (!reply.isObject() || reply.size() != 1 || reply[PROPERTY_PARAM] != propertyservice::kLivenessAnswer) {
     return std::nullopt;
@@ -263,10 +238,6 @@ Request reset(const std::string& pattern, Client::Callback<Nothing> callback) {
   Json::Value order = message(method::kReset);
   order[PROPERTY_PARAM] = pattern;
   return makeRequest(order, readStatusReply, std::move(callback));
-}
-
-Request provisioningDump(Client::Callback<Values> callback) {
-  return makeRequest(message(method::kProvisioningDump), readDumpReply, std::move(callback));
 }
 
 Request makeBackup(bool allSettings, Client::Callback<Nothing> callback) {

@@ -21,7 +21,8 @@ struct Request {
   Delivery refuse;                                         ///< With `away`.
 };
 
-/// One for each of the daemon's requests.
+/// One for each of the daemon's requests, but for the provisioning dump, which may be longer than a reply can
+/// be.
 namespace request {
 
 using Nothing = Client::Nothing;
@@ -34,7 +35,6 @@ Request list(const std::string& pattern, const std::vector<std::string>& columns
              Client::Callback<std::vector<Columns>> callback);
 Request setList(const Values& values, Field field, Client::Callback<Nothing> callback);
 Request reset(const std::string& pattern, Client::Callback<Nothing> callback);
-Request provisioningDump(Client::Callback<Values> callback);
 Request makeBackup(bool allSettings, Client::Callback<Nothing> callback);
 
 /// A request without parameters that is answered with a status alone.

@@ -8,6 +8,14 @@ namespace propclient {
 
 namespace topic = propertyservice::topic;
 
+namespace {
+
+/// The announcements of every group, each property by itself. The message with all changes of a request may
+/// be longer than the broker lets pass.
+constexpr const char* kAllAnnouncements = "+/any";
+
+}  // namespace
+
 Topics::Topics(const std::string& sender, const std::string& device)
     : prefix(device.empty() ? std::string() : propertyservice::topic::devicePrefix(device)),
       requests(prefix + topic::request(sender)),
@@ -16,6 +24,12 @@ Topics::Topics(const std::string& sender, const std::string& device)
 
 std::string Topics::changes(const std::string& group) const {
   return prefix + topic::changes(group);
+}
+
+bool Topics::areChanges(const std::string& topic) const {
+  const std::string pattern = changes("");
+  const std::size_t end = pattern.find_last_of('/');
+  return topic.starts_with(pattern.substr(0, end)) && topic.ends_with(pattern.substr(end));
 }
 
 Session::Session(Topics topics, Transport& transport, Clock::duration timeout, const std::string& uniqueText,
@@ -32,11 +46,13 @@ Session::Session(Topics topics, Transport& transport, Clock::duration timeout, c
   transport_.subscribe({topics_.replies}, Transport::Need::required);
 }
 
-void Session::watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done) {
+void Session::watch(std::set<std::string> names, std::function<void(const Change&)> tell, Done done) {
   unwatch();
   watchDone_ = std::move(done);
+  watchDeadline_ = Clock::now() + timeout_;
+  watchSize_ = 0;
   watch_ = std::make_shared<Watch>(
-      std::move(groups), std::move(tell), [this](Request request) { ask(std::move(request), Clock::now()); },
+      std::move(names), std::move(tell), [this](Request request) { ask(std::move(request), Clock::now()); },
       [this] { watchIsDone(std::nullopt); });
   if (!wasOpened_) {
     watchIsDone("not connected");
@@ -89,7 +105,10 @@ void Session::received(const std::string& topic, const std::string& payload) {
     conversation_.received(payload);
   } else if (topic == topics_.presence) {
     setPresence(payload == "0" || payload == "1" ? std::optional(payload == "1") : std::nullopt);
-  } else if (const auto watch = watch_) {
+    if (const auto watch = watch_; watch && present_ == true) {
+      watch->serviceIsBack();
+    }
+  } else if (const auto watch = watch_; watch && topics_.areChanges(topic)) {
     watch->announced(payload, topic == topics_.changes(topic::kAllGroups));
   }
 }
@@ -99,10 +118,24 @@ void Session::keepTime(Clock::time_point now) {
   if (const auto watch = watch_) {
     watch->keepTime(now);
   }
+  if (watchDone_ && watchDeadline_ <= now) {
+    watchIsLate(now);
+  }
+}
+
+void Session::watchIsLate(Clock::time_point now) {
+  if (watch_->size() > watchSize_) {
+    watchSize_ = watch_->size();
+    watchDeadline_ = now + timeout_;
+  } else {
+    watchIsDone(present_ == false ? "the daemon is away" : "the daemon does not answer");
+    unwatch();
+  }
 }
 
 Deadline Session::nextDeadline() const {
-  return earlier(conversation_.nextDeadline(), watch_ ? watch_->nextDeadline() : std::nullopt);
+  const Deadline next = earlier(conversation_.nextDeadline(), watch_ ? watch_->nextDeadline() : std::nullopt);
+  return watchDone_ ? earlier(next, watchDeadline_) : next;
 }
 
 void Session::setPresence(std::optional<bool> present) {
@@ -117,7 +150,7 @@ std::vector<std::string> Session::watchedTopics() const {
   for (const std::string& group : watch_->announcements()) {
     topics.push_back(topics_.changes(group));
   }
-  return topics;
+  return topics.empty() ? std::vector{topics_.prefix + kAllAnnouncements} : topics;
 }
 
 void Session::watchIsDone(const std::optional<std::string>& failure) {

@@ -20,6 +20,9 @@ struct Topics {
 
   std::string changes(const std::string& group) const;
 
+  /// Returns whether changes are announced on a topic.
+  bool areChanges(const std::string& topic) const;
+
   std::string prefix;
   std::string requests;
   std::string replies;
@@ -41,8 +44,8 @@ class Session {
   }
 
   /// Takes the place of another watch. `done` is called once: when the present values are known, or with what
-  /// keeps them from it.
-  void watch(std::set<std::string> groups, std::function<void(const Change&)> tell, Done done);
+  /// keeps them from it, at the latest when no value has come for the time-out.
+  void watch(std::set<std::string> names, std::function<void(const Change&)> tell, Done done);
   void unwatch();
 
   // As of `mqtt::Listener`.
@@ -56,6 +59,7 @@ class Session {
 
  private:
   std::vector<std::string> watchedTopics() const;
+  void watchIsLate(Clock::time_point now);
   void watchIsDone(const std::optional<std::string>& failure);
   void setPresence(std::optional<bool> present);
 
@@ -68,6 +72,8 @@ class Session {
   bool wasOpened_ = false;
   std::shared_ptr<Watch> watch_;
   Done watchDone_;  ///< Of `watch_`, until it is called.
+  Clock::time_point watchDeadline_;
+  std::size_t watchSize_ = 0;  ///< At the deadline before.
 };
 
 }  // namespace propclient

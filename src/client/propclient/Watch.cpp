@@ -5,6 +5,7 @@
 
 #include "common/JSONDefinitions.h"
 #include "propclient/Json.h"
+#include "propclient/Listing.h"
 #include "wire/Columns.h"
 #include "wire/Names.h"
 
@@ -43,17 +44,32 @@ std::optional<std::string> valueOf(const std::string& key, const Json::Value& va
 
 }  // namespace
 
-Watch::Watch(std::set<std::string> groups, std::function<void(const Change&)> tell,
+Watch::Watch(std::set<std::string> names, std::function<void(const Change&)> tell,
              std::function<void(Request)> ask, std::function<void()> ready)
-    : groups_(std::move(groups)), tell_(std::move(tell)), ask_(std::move(ask)), ready_(std::move(ready)) {}
+    : names_(std::move(names)),
+      all_(names_.empty() || names_.contains(kAllKeys)),
+      tell_(std::move(tell)),
+      ask_(std::move(ask)),
+      ready_(std::move(ready)) {}
 
 std::set<std::string> Watch::announcements() const {
-  return groups_.empty() ? std::set<std::string>{topic::kAllGroups} : groups_;
+  if (all_) {
+    return {};
+  }
+  std::set<std::string> groups;
+  for (const std::string& name : names_) {
+    groups.insert(groupOf(name).value_or(name));
+  }
+  return groups;
 }
 
 void Watch::opened() {
   open_ = true;
-  readList();
+  for (const std::string& name : names_) {
+    if (isVolatile(name)) {
+      known_.try_emplace(name, Known{.isNew = true});
+    }
+  }
   for (auto& [key, known] : known_) {
     known.settled = false;
     known.reading = Reading::none;
@@ -62,11 +78,18 @@ void Watch::opened() {
       readValue(key, known);
     }
   }
+  readList();
 }
 
 void Watch::lost() {
   open_ = false;
   tryAgainAt_.reset();
+}
+
+void Watch::serviceIsBack() {
+  if (open_) {
+    opened();
+  }
 }
 
 void Watch::announced(const std::string& payload, bool ofAllGroups) {
@@ -100,49 +123,70 @@ void Watch::keepTime(Clock::time_point now) {
 }
 
 bool Watch::wants(const std::string& key) const {
-  if (groups_.empty()) {
-    return true;
-  }
   const auto group = groupOf(key);
-  return group && groups_.contains(*group);
+  return all_ || names_.contains(key) || (group && names_.contains(*group));
 }
 
 bool Watch::isBeingRead(const std::string& key, const Known& known) const {
-  return known.reading != Reading::none || (list_ != Reading::none && !isVolatile(key));
+  return known.reading != Reading::none || (list_ != Reading::none && !known.listed && !isVolatile(key));
 }
 
 void Watch::readList() {
   list_ = Reading::asked;
-  ask_(request::list(kAllKeys, {column::kKey.data(), column::kValue.data()}, Field::key,
-                     [watch = weak_from_this()](const Answer<std::vector<Columns>>& answer) {
-                       if (const auto self = watch.lock()) {
-                         self->listRead(answer);
-                       }
-                     }));
+  for (auto& [key, known] : known_) {
+    known.listed = false;
+  }
+  const auto self = [watch = weak_from_this(), number = ++listings_]() {
+    const auto latest = watch.lock();
+    return latest && latest->listings_ == number && !latest->stopped_ ? latest : nullptr;
+  };
+  Listing::start(
+      {.pattern = kAllKeys,
+       .columns = {column::kKey.data(), column::kValue.data()},
+       .wants =
+           [self](const std::string& key) {
+             const auto watch = self();
+             return watch && watch->wants(key);
+           }},
+      ask_,
+      [self](const std::vector<Columns>& rows, std::size_t /*all*/) {
+        const auto watch = self();
+        if (watch) {
+          watch->rowsRead(rows);
+        }
+        return watch != nullptr;
+      },
+      [self](Status status) {
+        if (const auto watch = self()) {
+          watch->listRead(status);
+        }
+      });
 }
 
-void Watch::listRead(const Answer<std::vector<Columns>>& answer) {
-  if (answer.status != Status::ok && answer.status != Status::notFound) {
+void Watch::rowsRead(const std::vector<Columns>& rows) {
+  for (const Columns& property : rows) {
+    const std::string& key = property.at(column::kKey.data());
+    const auto value = property.find(column::kValue.data());
+    known_[key].listed = true;
+    conclude(key, value == property.end() ? std::string() : value->second);
+  }
+}
+
+void Watch::listRead(Status status) {
+  if (status != Status::ok && status != Status::notFound) {
     list_ = Reading::due;
     tryAgainSoon();
     return;
   }
-  std::map<std::string, Value> values;
-  for (const auto& [key, known] : known_) {
-    if (!isVolatile(key)) {
-      values.emplace(key, std::nullopt);
-    }
-  }
-  for (const Columns& property : answer.value) {
-    const auto key = property.find(column::kKey.data());
-    const auto value = property.find(column::kValue.data());
-    if (key != property.end() && wants(key->second)) {
-      values[key->second] = value == property.end() ? std::string() : value->second;
-    }
-  }
   list_ = Reading::none;
-  for (const auto& [key, value] : values) {
-    conclude(key, value);
+  std::vector<std::string> missing;
+  for (const auto& [key, known] : known_) {
+    if (!known.listed && !isVolatile(key)) {
+      missing.push_back(key);
+    }
+  }
+  for (const std::string& key : missing) {
+    conclude(key, std::nullopt);
   }
   if (const auto ready = std::exchange(ready_, nullptr)) {
     ready();
@@ -227,21 +271,21 @@ void Watch::conclude(const std::string& key, const Value& read) {
   known.reading = Reading::none;
   known.settled = !heard.empty() && heard.back() == read;
 
-  if (ready_ && !isVolatile(key)) {
-    known.value = read;  // where the watch begins
-  } else if (known.settled) {
+  if (known.settled) {
     const auto newer = std::find(heard.rbegin(), heard.rend(), known.value).base();
     std::for_each(newer, heard.end(), [&](const Value& value) { update(key, known, value); });
   } else {
     update(key, known, read);
   }
+  known.isNew = false;
   forgetRemoved(key);
 }
 
 void Watch::update(const std::string& key, Known& known, const Value& value) {
   if (value != known.value) {
     const Value old = std::exchange(known.value, value);
-    if (!stopped_) {
+    const bool isPresentValue = known.isNew || (ready_ && !isVolatile(key));
+    if (!stopped_ && !isPresentValue) {
       tell_({key, value, old});
     }
   }
@@ -249,7 +293,7 @@ void Watch::update(const std::string& key, Known& known, const Value& value) {
 
 void Watch::forgetRemoved(const std::string& key) {
   const auto entry = known_.find(key);
-  if (entry != known_.end() && entry->second.settled && !entry->second.value) {
+  if (entry != known_.end() && entry->second.settled && !entry->second.value && !names_.contains(key)) {
     known_.erase(entry);
   }
 }

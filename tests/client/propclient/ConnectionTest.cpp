@@ -179,7 +179,7 @@ TEST_F(Scripted, unsubscribesFromAWatchThatDoesNotBegin) {
   EXPECT_THROW(client.watch({}, [](const Change&) {}), ConnectionError);
 
   broker_.expect(Packet::subscribe);
-  EXPECT_EQ(broker_.expect(Packet::unsubscribe).topicFilter(), "prop-service-groupnotify/any");
+  EXPECT_EQ(broker_.expect(Packet::unsubscribe).topicFilter(), "+/any");
 }
 
 TEST_F(Scripted, saysWhenAWatchDoesNotBeginBecauseTheServiceIsAway) {

@@ -10,6 +10,7 @@
 
 #include <json/value.h>
 
+#include "database/KeyPattern.h"
 #include "propclient/Json.h"
 #include "propclient/Transport.h"
 
@@ -57,6 +58,13 @@ class FakeDaemon : public Transport {
     announcements_.push_back({"prop-service-groupnotify/any", json::write(all)});
   }
 
+  /// Is killed and started again: its queue is lost, the requests are not.
+  void restart() {
+    announcements_.clear();
+    send({"services/prop-service/online", "0"});
+    send({"services/prop-service/online", "1"});
+  }
+
   /// Serves the next request.
   void serve() {
     const Message request = requests.front();
@@ -79,7 +87,8 @@ class FakeDaemon : public Transport {
   std::optional<Message> arrive() {
     const Message message = sent_.front();
     sent_.pop_front();
-    return subscriptions.contains(message.topic) ? std::optional(message) : std::nullopt;
+    const bool isOfAnyGroup = message.topic.ends_with("/any") && subscriptions.contains("+/any");
+    return isOfAnyGroup || subscriptions.contains(message.topic) ? std::optional(message) : std::nullopt;
   }
 
   /// What is under way is lost, and so is what is sent until it is back. Requests that arrived are served.
@@ -114,11 +123,14 @@ class FakeDaemon : public Transport {
       }
     } else {
       reply["status"] = Json::nullValue;
+      const auto pattern = propertyservice::KeyPattern::compile(param);
+      const bool isPattern = param.find('%') != std::string::npos;
+      const bool withValues = request["fields"].asString().find("value") != std::string::npos;
       for (const auto& [key, value] : values) {
-        if (param == "%" && !key.starts_with("State.")) {
+        if (!key.starts_with("State.") && (isPattern ? pattern && pattern->matches(key) : key == param)) {
           Json::Value property;
           property["key"] = key;
-          if (!value.empty()) {
+          if (withValues && !value.empty()) {
             property["value"] = value;
           }
           reply["result"].append(property);

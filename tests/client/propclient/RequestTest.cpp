@@ -56,7 +56,6 @@ TEST(Request, isWrittenAsTheDaemonReadsIt) {
             R"({"list":{"A.B":"1","A.C":""},"method":"setVList"})");
   EXPECT_EQ(request::setList({}, Field::key, done).text, R"({"list":{},"method":"setVList"})");
   EXPECT_EQ(request::reset("A.%", done).text, R"({"method":"resetVal","param":"A.%"})");
-  EXPECT_EQ(request::provisioningDump(ignore<Values>()).text, R"({"method":"getProvDump"})");
   EXPECT_EQ(request::makeBackup(false, done).text, R"({"method":"makeBackup"})");
   EXPECT_EQ(request::makeBackup(true, done).text, R"({"allSettings":true,"method":"makeBackup"})");
   EXPECT_EQ(request::maintenance("restore", done).text, R"({"method":"restore"})");
@@ -144,25 +143,6 @@ TEST(Request, readsAListWithNothingInItAsNotFound) {
   EXPECT_EQ(kept.answer()->status, Status::notFound);
 }
 
-TEST(Request, readsADump) {
-  Kept<Values> kept;
-
-  deliver(request::provisioningDump(kept.callback()), R"({"audio.volume":"5","status":"x"})");
-
-  ASSERT_TRUE(kept.answer());
-  EXPECT_THAT(kept.answer()->value, UnorderedElementsAre(Pair("audio.volume", "5"), Pair("status", "x")));
-}
-
-TEST(Request, readsAnEmptyDump) {
-  Kept<Values> kept;
-
-  deliver(request::provisioningDump(kept.callback()), "null");
-
-  ASSERT_TRUE(kept.answer());
-  EXPECT_EQ(kept.answer()->status, Status::ok);
-  EXPECT_TRUE(kept.answer()->value.empty());
-}
-
 TEST(Request, isGivenUpWithoutAValue) {
   Kept<std::string> kept;
 
@@ -189,7 +169,6 @@ class RequestReplies : public testing::TestWithParam<Reply> {
     all.emplace("set", request::set("A.B", "1", Field::key, done));
     all.emplace("list", request::list("A.B", {}, Field::key, ignore<std::vector<Columns>>()));
     all.emplace("setList", request::setList({}, Field::key, done));
-    all.emplace("dump", request::provisioningDump(ignore<Values>()));
     all.emplace("restore", request::maintenance("restore", done));
     all.emplace("marker", request::marker("?unique-1"));
     return all;
@@ -224,8 +203,7 @@ INSTANTIATE_TEST_SUITE_P(, RequestReplies,
                                          Reply{R"({"status":"Ok"})", {"setList", "restore"}},
                                          Reply{R"({"status":"DBError"})", {"setList", "restore"}},
                                          Reply{R"({"status":""})", {}}, Reply{R"({"status":7})", {}},
-                                         Reply{R"({"audio.volume":"5"})", {"dump"}},
-                                         Reply{R"({"audio.volume":5})", {}}, Reply{"null", {"dump"}},
+                                         Reply{R"({"audio.volume":"5"})", {}}, Reply{"null", {}},
                                          Reply{"{}", {}}, Reply{"[]", {}}, Reply{R"("Ok")", {}},
                                          Reply{"7", {}}));
 

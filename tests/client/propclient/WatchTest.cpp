@@ -76,17 +76,19 @@ class WatchTest : public testing::Test {
     session_.opened();
   }
 
+  void presence(const std::string& payload) { session_.received("services/prop-service/online", payload); }
+
   FakeDaemon daemon_;
   std::vector<std::string> told_;
   std::string outcome_;
   Session session_{Topics("panel", ""), daemon_, 5s, "?unique-"};
 };
 
-TEST_F(WatchTest, listensToTheAllChangesTopicForAllProperties) {
+TEST_F(WatchTest, listensToTheTopicsOfAllGroupsForAllProperties) {
   watch();
 
-  EXPECT_THAT(daemon_.subscriptions, ElementsAre("prop-service-groupnotify/any", "prop-service/panel",
-                                                 "services/prop-service/online"));
+  EXPECT_THAT(daemon_.subscriptions,
+              ElementsAre("+/any", "prop-service/panel", "services/prop-service/online"));
 }
 
 TEST_F(WatchTest, listensToTheTopicsOfItsGroups) {
@@ -207,6 +209,39 @@ TEST_F(WatchTest, keepsToItsGroupsInAnyCaseOfTheKey) {
   settle();
 
   EXPECT_THAT(told_, ElementsAre("AUDIO.Gain 1>2"));
+}
+
+TEST_F(WatchTest, keepsToTheKeysThatItIsGiven) {
+  daemon_.values["State.Call"] = "idle";
+  watchAndSettle({"Audio.Volume", "State.Call"});
+  EXPECT_THAT(told_, IsEmpty());
+
+  daemon_.change("Audio.Codec", "g722");
+  daemon_.change("Audio.Volume", "7");
+  daemon_.change("State.Call", "busy");
+  settle();
+
+  EXPECT_THAT(told_, testing::UnorderedElementsAre("Audio.Volume 5>7", "State.Call idle>busy"));
+}
+
+TEST_F(WatchTest, makesAMissedChangeOfAVolatileKeyGoodThatItIsGiven) {
+  watchAndSettle({"%", "State.Call"});
+  breakConnection();
+  daemon_.values["State.Call"] = "ringing";
+
+  restoreConnection();
+  serveAll();
+
+  EXPECT_THAT(told_, ElementsAre("State.Call ->ringing"));
+}
+
+TEST_F(WatchTest, hearsNoAnnouncementOfOtherServices) {
+  watchAndSettle();
+
+  session_.received("other-service-audio/any", R"({"param":"State.Call","value":"9"})");
+  settle();
+
+  EXPECT_THAT(told_, IsEmpty());
 }
 
 TEST_F(WatchTest, tellsAKeyWithoutAPointToThoseWhoWatchAll) {
@@ -377,7 +412,7 @@ TEST_F(WatchTest, tellsOfPropertiesThatCameAndWentMeanwhile) {
   restoreConnection();
   serveAll();
 
-  EXPECT_THAT(told_, ElementsAre("Audio.Codec opus>-", "Audio.Gain ->1"));
+  EXPECT_THAT(told_, ElementsAre("Audio.Gain ->1", "Audio.Codec opus>-"));
 }
 
 TEST_F(WatchTest, readsVolatileKeysThatItKnowsAgain) {
@@ -434,7 +469,9 @@ TEST_F(WatchTest, becomesDoneOverANewConnectionWhenTheFirstBreaks) {
 }
 
 TEST_F(WatchTest, triesNothingAgainWithoutAConnection) {
-  watch();
+  watchAndSettle();
+  breakConnection();
+  restoreConnection();
 
   breakConnection();
 
@@ -566,6 +603,86 @@ TEST_F(WatchTest, believesNoOlderAnnouncementAfterALoss) {
   EXPECT_THAT(told_, IsEmpty());
 }
 
+// The daemon is restarted.
+
+TEST_F(WatchTest, readsAgainWhatItWatchesWheneverTheDaemonComesBack) {
+  daemon_.values["State.Call"] = "idle";
+  watchAndSettle({"audio", "State.Call"});
+  presence("1");
+  settle();
+  EXPECT_THAT(told_, IsEmpty());
+
+  for (const auto& [restart, volume] : std::map<std::string, std::string>{{"01", "7"}, {"1", "8"}}) {
+    daemon_.values["Audio.Volume"] = volume;
+    daemon_.values["State.Call"] = "call " + volume;
+    for (const char announced : restart) {
+      presence(std::string(1, announced));
+    }
+    serveAll();
+  }
+
+  EXPECT_THAT(told_, testing::UnorderedElementsAre("State.Call idle>call 7", "Audio.Volume 5>7",
+                                                   "State.Call call 7>call 8", "Audio.Volume 7>8"));
+}
+
+TEST_F(WatchTest, isNotDoneByADaemonThatComesBackBeforeTheSubscriptionIsAccepted) {
+  session_.watch(
+      {}, [](const Change&) {}, [this](const Value& failure) { outcome_ = failure.value_or("done"); });
+
+  presence("1");
+  serveAll();
+
+  EXPECT_EQ(outcome_, "");
+}
+
+// Many properties.
+
+class WatchOfMany : public WatchTest {
+ protected:
+  WatchOfMany() {
+    for (int i = 0; i < 200; ++i) {
+      daemon_.values["Many.Property" + std::to_string(i)] = "0";
+    }
+  }
+
+  void serve(int requests) {
+    for (int i = 0; i < requests && daemon_.hasRequests(); ++i) {
+      daemon_.serve();
+      arriveAll();
+    }
+  }
+};
+
+TEST_F(WatchOfMany, tellsEachChangeBetweenThePiecesOfAReading) {
+  watchAndSettle();
+  breakConnection();
+  restoreConnection();
+
+  std::vector<std::string> expected;
+  for (int i = 1; i <= 40; ++i) {
+    for (const std::string key : {"Many.Property7", "Many.Property199"}) {
+      daemon_.change(key, std::to_string(i));
+      expected.push_back(key + ' ' + std::to_string(i - 1) + '>' + std::to_string(i));
+    }
+    announceAll();
+    serve(1);
+  }
+  settle();
+
+  EXPECT_THAT(told_, testing::UnorderedElementsAreArray(expected));
+}
+
+TEST_F(WatchOfMany, waitsForThePresentValuesAsLongAsTheyCome) {
+  watch();
+  serve(3);
+
+  session_.keepTime(Clock::now() + 6s);
+  EXPECT_EQ(outcome_, "");
+  session_.keepTime(Clock::now() + 12s);
+
+  EXPECT_EQ(outcome_, "the daemon does not answer");
+}
+
 // Its end.
 
 TEST_F(WatchTest, tellsNothingAfterItsEndInACallback) {
@@ -621,6 +738,9 @@ class WatchRaces : public testing::TestWithParam<unsigned> {
   static constexpr const char* kKeys[] = {"Audio.Volume", "Audio.Codec", "State.Call"};
 
   void watch() {
+    for (int i = 0; i < 100; ++i) {  // so that the keys are read in different pieces
+      daemon_.values["Audio.Filler" + std::to_string(i)] = "0";
+    }
     session_.opened();
     session_.watch(
         {}, [this](const Change& change) { told_[change.key].push_back(change); }, [](const Value&) {});
@@ -629,7 +749,12 @@ class WatchRaces : public testing::TestWithParam<unsigned> {
 
   /// Something happens; `makeChange` changes a property.
   void step(const std::function<void()>& makeChange) {
-    switch (random_() % 8) {
+    switch (random_() % 9) {
+      case 8:
+        if (random_() % 40 == 0) {
+          daemon_.restart();
+        }
+        break;
       case 0:
       case 1:
         makeChange();
