@@ -64,8 +64,8 @@ class Listing : public std::enable_shared_from_this<Listing> {
   std::size_t asked_ = 0;            ///< Pieces that are not answered yet.
 };
 
-/// Returns patterns that together match all of `names` and, each, at most `most` of them where the names allow it;
-/// without those that match no name of `wanted`.
+/// Returns patterns that together match all of `names` and, each, at most `most` of them where the names
+/// allow it; without those that match no name of `wanted`.
 std::vector<std::string> splitNames(const std::set<std::string>& names, const std::set<std::string>& wanted,
                                     std::size_t most);
 

@@ -37,9 +37,11 @@ ExitStatus reset(Session& session, const Names& names);
 /// With `dryRun` it only tells what would become of each.
 ExitStatus load(Session& session, const std::vector<Assignment>& assignments, Field field, bool dryRun);
 
-/// Until SIGINT, SIGTERM or `count` changes. To be called by the main thread, as the last command of the
-/// program.
-ExitStatus watch(Session& session, const Names& groups, bool withOld, std::optional<unsigned> count);
+/// Until SIGINT, SIGTERM or `count` changes of what `names` stand for: keys, patterns and groups; all where
+/// there are none. Unless `allowsUnknown`, each has to stand for something that exists. To be called by the
+/// main thread, as the last command of the program.
+ExitStatus watch(Session& session, const Names& names, bool allowsUnknown, bool withOld,
+                 std::optional<unsigned> count);
 
 ExitStatus backup(Session& session, bool allSettings);
 ExitStatus restore(Session& session);

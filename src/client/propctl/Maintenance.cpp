@@ -32,7 +32,8 @@ ExitStatus maintain(Session& session, const std::string& what, const std::functi
                     const std::string& whyFailed = reasonFor(Status::dbError, "", {})) {
   Output& output = session.output();
   const auto answer = session.answered(
-      withProgress(output, what, std::async(std::launch::async, [&] { return request(session.client()); })));
+      withProgress(output, what, std::async(std::launch::async, [&] { return request(session.client()); })),
+      Session::Effect::write);
   const std::string reason = answer.status == Status::dbError ? whyFailed : reasonFor(answer.status, "", {});
   if (output.style().json) {
     Json::Value outcome;

@@ -31,8 +31,7 @@ std::string nameColumn(Field field) {
 std::vector<Columns> listSorted(Session& session, const std::string& pattern, const Names& columns,
                                 Field field) {
   const std::string name = nameColumn(field);
-  std::vector<Columns> properties =
-      session.answered(session.client().list(pattern, columns, field), Session::Length::unbounded).value;
+  std::vector<Columns> properties = session.list(pattern, columns, field);
   std::erase_if(properties, [&name](const Columns& property) { return columnOf(property, name).empty(); });
   std::sort(properties.begin(), properties.end(), [&name](const Columns& one, const Columns& other) {
     return columnOf(one, name) < columnOf(other, name);
@@ -46,11 +45,25 @@ class Values {
   explicit Values(Session& session, Field field) : session_(session), field_(field) {}
 
   void read(const std::string& name) {
-    if (isPattern(name)) {
-      readPattern(name);
-    } else {
+    if (!isPattern(name)) {
       readOne(name);
+    } else if (!readPattern(name)) {
+      miss(name, Status::notFound);
     }
+  }
+
+  /// Returns whether anything matches.
+  bool readPattern(const std::string& pattern, bool showsSecrets = false) {
+    const std::string name = nameColumn(field_);
+    const auto properties =
+        listSorted(session_, pattern, {name, text(column::kKey), text(column::kValue)}, field_);
+    for (const Columns& property : properties) {
+      const std::string& value = columnOf(property, column::kValue);
+      found_.push_back(
+          {columnOf(property, name),
+           showsSecrets ? value : session_.output().visible(columnOf(property, column::kKey), value)});
+    }
+    return !properties.empty();
   }
 
   ExitStatus print(bool alone) const {
@@ -88,20 +101,6 @@ class Values {
       found_.push_back({name, session_.output().visible(keyOf(name), answer.value)});
     } else {
       miss(name, answer.status);
-    }
-  }
-
-  void readPattern(const std::string& pattern) {
-    const std::string name = nameColumn(field_);
-    const auto properties =
-        listSorted(session_, pattern, {name, text(column::kKey), text(column::kValue)}, field_);
-    for (const Columns& property : properties) {
-      found_.push_back(
-          {columnOf(property, name),
-           session_.output().visible(columnOf(property, column::kKey), columnOf(property, column::kValue))});
-    }
-    if (properties.empty()) {
-      miss(pattern, Status::notFound);
     }
   }
 
@@ -208,20 +207,28 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
   const Names columns = !chosen.empty() ? chosen
                                         : Names{text(column::kKey), text(column::kValue),
                                                 text(column::kDefaultValues), text(column::kFlags)};
+  const auto shows = [&columns](std::string_view name) {
+    return std::find(columns.begin(), columns.end(), name) != columns.end();
+  };
+  Output& output = session.output();
+  const bool marksChanged = onlyChanged || output.style().colour || shows(column::kDefaultValues);
   Names needed = columns;
-  needed.insert(needed.end(), {text(column::kKey), text(column::kValue), text(column::kDefaultValues)});
+  for (const std::string_view name : {column::kKey, column::kValue, column::kDefaultValues}) {
+    if (!shows(name) && (marksChanged || name == column::kKey)) {
+      needed.push_back(text(name));
+    }
+  }
   std::vector<Columns> properties = listSorted(session, pattern, needed, Field::key);
   if (properties.empty()) {
-    session.output().complain(escaped(pattern) + ": " +
-                              (isState(pattern) ? "run-time state is not listed; get reads it"
-                                                : whyNot(pattern, Status::notFound)));
+    output.complain(escaped(pattern) + ": " +
+                    (isState(pattern) ? "run-time state is not listed; get reads it"
+                                      : whyNot(pattern, Status::notFound)));
     return ExitStatus::refused;
   }
   if (onlyChanged) {
     std::erase_if(properties, [](const Columns& property) { return !isChanged(property); });
   }
 
-  Output& output = session.output();
   if (output.style().json) {
     Json::Value rows(Json::arrayValue);
     for (const Columns& property : properties) {
@@ -233,7 +240,7 @@ ExitStatus list(Session& session, const std::string& pattern, const Names& chose
   std::vector<Row> rows;
   for (const Columns& property : properties) {
     Row& row = rows.emplace_back();
-    row.marked = isChanged(property);
+    row.marked = marksChanged && isChanged(property);
     for (const std::string& column : columns) {
       const bool mayBeSecret = column == column::kValue || column == column::kDefaultValues;
       const std::string& content = columnOf(property, column);
@@ -279,20 +286,10 @@ ExitStatus describe(Session& session, const std::string& name, Field field) {
 }
 
 ExitStatus dump(Session& session) {
-  const auto answer = session.answered(session.client().provisioningDump(), Session::Length::unbounded);
-  Output& output = session.output();
-  if (output.style().json) {
-    Json::Value object(Json::objectValue);
-    for (const auto& [name, value] : answer.value) {
-      object[name] = value;
-    }
-    output.json(object);
-  } else {
-    for (const auto& [name, value] : answer.value) {
-      output.line(toLine({name, value}));
-    }
-  }
-  return ExitStatus::done;
+  Values values(session, Field::provisioning);
+  constexpr bool kShowsSecrets = true;
+  values.readPattern("%", kShowsSecrets);
+  return values.print(false);
 }
 
 ExitStatus completeKeys(Session& session, const std::string& prefix) {

@@ -143,9 +143,9 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
     case Status::invalidRequest:
       return "the daemon does not know this request; is it older than propctl?";
     case Status::noAnswer:
-      return "no answer; whether it was done is unknown";
+      return "no answer; the write may still be carried out";
     case Status::away:
-      return "PropertyService is away; nothing was sent";
+      return "PropertyService is not running; this was not sent";
   }
   return "";
 }

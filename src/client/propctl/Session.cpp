@@ -1,6 +1,5 @@
 #include "client/propctl/Session.h"
 
-#include <iomanip>
 #include <sstream>
 
 #include "client/propctl/Text.h"
@@ -46,11 +45,32 @@ std::string Session::where() const {
   return options_.device.empty() ? broker : escaped(options_.device) + " at " + broker;
 }
 
-void Session::throwNoAnswer(Length length) const {
+std::vector<propclient::Columns> Session::list(const std::string& pattern,
+                                               const std::vector<std::string>& columns,
+                                               propclient::Field field) {
+  bool isTold = false;
+  auto listed = client_.list(pattern, columns, field, [&](std::size_t read, std::size_t all) {
+    if (isTold = isTold || read < all; isTold) {
+      output_.progress(std::to_string(read) + " of " + std::to_string(all) + " properties");
+    }
+  });
+  if (isTold) {
+    output_.progress("");
+  }
+  answered(listed);
+  return std::move(listed.value);
+}
+
+void Session::throwNoAnswer(Effect effect) const {
+  const std::optional<bool> present = client_.present();
   std::ostringstream text;
   text << "no answer from " << where() << " within " << static_cast<double>(options_.timeout.count()) / 1000.0
-       << " s: " << (options_.device.empty() ? "" : "the device or its ")
-       << "PropertyService is away, or the broker's access list does not let "
+       << " s" << (effect == Effect::write ? "; the write may still be carried out" : "") << ": "
+       << (options_.device.empty() ? "" : "the device or its ") << "PropertyService "
+       << (!present   ? "is away"
+           : *present ? "is busy or hangs"
+                      : "has stopped meanwhile")
+       << ", or the broker's access list does not let "
        << (options_.user.empty() ? "this client" : '"' + escaped(options_.user) + '"') << " ask";
   if (const std::string& name = options_.name.empty() ? options_.user : options_.name; !name.empty()) {
     text << " as \"" << escaped(name) << '"';
@@ -58,14 +78,11 @@ void Session::throwNoAnswer(Length length) const {
   if (options_.user.empty() && !options_.tls) {
     text << " without --user";
   }
-  if (length == Length::unbounded) {
-    text << ", or the answer is longer than the broker lets pass: ask for less at a time";
-  }
   throw Failure(ExitStatus::noAnswer, text.str());
 }
 
-void Session::throwAway() const {
-  throw Failure(ExitStatus::noAnswer, "PropertyService at " + where() + " is away: nothing was sent");
+void Session::throwAway(const std::string& what) const {
+  throw Failure(ExitStatus::noAnswer, where() + ": PropertyService is not running; " + what);
 }
 
 }  // namespace propctl

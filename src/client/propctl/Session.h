@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "client/propclient/Client.h"
 #include "client/propctl/ExitStatus.h"
@@ -24,14 +25,17 @@ class Session {
   /// The broker as "HOST:PORT", with the device behind it.
   std::string where() const;
 
-  /// How long an answer may become: as a value, or as all values of the device.
-  enum class Length { bounded, unbounded };
+  /// Returns all that match, however many, and shows on a terminal how far it is. Throws as `answered` does.
+  std::vector<propclient::Columns> list(const std::string& pattern, const std::vector<std::string>& columns,
+                                        propclient::Field field = propclient::Field::key);
+
+  enum class Effect { none, write };
 
   /// The answer, unless there is none: then throws `Failure` with what may be the cause.
   template <typename T>
-  const T& answered(const T& answer, Length length = Length::bounded) const {
+  const T& answered(const T& answer, Effect effect = Effect::none) const {
     if (answer.status == propclient::Status::noAnswer) {
-      throwNoAnswer(length);
+      throwNoAnswer(effect);
     }
     if (answer.status == propclient::Status::away) {
       throwAway();
@@ -39,8 +43,10 @@ class Session {
     return answer;
   }
 
-  [[noreturn]] void throwNoAnswer(Length length = Length::bounded) const;
-  [[noreturn]] void throwAway() const;
+  [[noreturn]] void throwNoAnswer(Effect effect) const;
+
+  /// `what` says what that means for the command.
+  [[noreturn]] void throwAway(const std::string& what = "nothing was sent") const;
 
  private:
   const propclient::Options options_;

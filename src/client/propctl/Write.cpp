@@ -116,10 +116,12 @@ ExitStatus write(Session& session, const std::vector<Assignment>& assignments, F
     session.output().remark(std::to_string(written) + " of " + std::to_string(statuses.size()) + " written");
   }
   if (silent != 0) {
-    session.throwNoAnswer();
+    session.throwNoAnswer(Session::Effect::write);
   }
-  if (counts[Status::away] != 0) {
-    session.throwAway();
+  if (const std::size_t unsent = counts[Status::away]; unsent != 0) {
+    unsent == statuses.size() ? session.throwAway()
+                              : session.throwAway(std::to_string(unsent) + " of " +
+                                                  std::to_string(statuses.size()) + " were not sent");
   }
   return written == statuses.size() ? ExitStatus::done : ExitStatus::refused;
 }
@@ -174,13 +176,21 @@ Values valuesMatching(Session& session, const std::string& name) {
     }
     return values;
   }
-  const auto answer = session.answered(
-      session.client().list(name, {std::string(column::kKey), std::string(column::kValue)}, Field::key),
-      Session::Length::unbounded);
-  for (const Columns& property : answer.value) {
+  const Names columns = {std::string(column::kKey), std::string(column::kValue)};
+  for (const Columns& property : session.list(name, columns)) {
     values.emplace(columnOf(property, column::kKey), columnOf(property, column::kValue));
   }
   return values;
+}
+
+Values valuesAfterReset(Session& session, const std::string& name) {
+  try {
+    return valuesMatching(session, name);
+  } catch (const Failure& failure) {
+    throw Failure(
+        failure.status(),
+        escaped(name) + ": the reset was answered, but the new values are unknown: " + failure.what());
+  }
 }
 
 }  // namespace
@@ -201,12 +211,12 @@ ExitStatus reset(Session& session, const Names& names) {
   Json::Value changes(Json::objectValue);
   for (const std::string& name : names) {
     const Values before = valuesMatching(session, name);
-    const Status answer = session.answered(session.client().reset(name)).status;
+    const Status answer = session.answered(session.client().reset(name), Session::Effect::write).status;
     if (answer != Status::ok) {
       output.complain(escaped(name) + ": " + propclient::toText(answer) + ": " + whyNot(name, answer));
       status = ExitStatus::refused;
     }
-    const Values after = valuesMatching(session, name);
+    const Values after = valuesAfterReset(session, name);
     for (const auto& [key, old] : before) {
       const auto now = after.find(key);
       if (now == after.end()) {

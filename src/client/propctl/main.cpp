@@ -325,13 +325,16 @@ class CommandLine {
 
   void addWatch() {
     CLI::App* verb = addVerb("watch", "Print changes as they come");
-    addNames(verb, "GROUP", names_, "Part of the keys before the first point [all]");
+    addNames(verb, "NAME", names_, "Key, pattern, or group: the keys before the first point [%]");
+    verb->add_flag("--allow-unknown", allowUnknown_, "Also names that stand for nothing yet");
     verb->add_flag("--no-old", withoutOld_, "Leave out the value before");
     verb->add_option("--count", count_, "End after so many")
         ->check(CLI::Range(1U, 1000000000U).description(""))
         ->type_name("N");
-    onSession(verb, [this](Session& session) { return watch(session, names_, !withoutOld_, count_); },
-              {.oneDevice = true});
+    onSession(
+        verb,
+        [this](Session& session) { return watch(session, names_, allowUnknown_, !withoutOld_, count_); },
+        {.oneDevice = true});
   }
 
   void addMaintenance() {
@@ -380,6 +383,7 @@ class CommandLine {
   Field field_ = Field::key;
   bool onlyChanged_ = false;
   bool dryRun_ = false;
+  bool allowUnknown_ = false;
   bool withoutOld_ = false;
   bool allSettings_ = false;
   std::optional<unsigned> count_;

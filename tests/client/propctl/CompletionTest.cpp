@@ -106,10 +106,13 @@ TEST_F(PropctlCompletionOnADevice, offersKeysToBeAssigned) {
   EXPECT_EQ(inZsh("propctl --timeout 3 set Audio.R"), "propctl --timeout 3 set Audio.Ringtone=\n");
 }
 
-TEST_F(PropctlCompletionOnADevice, offersGroups) {
+TEST_F(PropctlCompletionOnADevice, offersGroupsAndTheirKeys) {
   EXPECT_EQ(inBash("propctl watch A"), "Audio\n");
   EXPECT_EQ(inFish("propctl watch A"), "Audio\n");
   EXPECT_EQ(inZsh("propctl watch A"), "propctl watch Audio \n");
+  EXPECT_EQ(inBash("propctl watch Audio.R"), "Audio.Ringtone\n");
+  EXPECT_EQ(inFish("propctl watch Audio.R"), "Audio.Ringtone\n");
+  EXPECT_EQ(inZsh("propctl watch Audio.R"), "propctl watch Audio.Ringtone \n");
 }
 
 TEST_F(PropctlCompletionOnADevice, asksTheDeviceThatTheLineNames) {

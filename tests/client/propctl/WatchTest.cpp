@@ -1,6 +1,9 @@
 #include <algorithm>
 #include <csignal>
+#include <memory>
 #include <optional>
+#include <set>
+#include <sstream>
 
 #include <gmock/gmock.h>
 
@@ -63,14 +66,64 @@ TEST_F(PropctlWatch, leavesOutOldValues) {
   EXPECT_THAT(watcher.output(), MatchesRegex("(" + std::string(kTime) + "Audio\\.Volume=[0-9]\n)+"));
 }
 
-TEST_F(PropctlWatch, printsOnlyTheGroupsAskedFor) {
-  watch({"AUDIO", "state"});
+TEST_F(PropctlWatch, printsWhatItsNamesStandFor) {
+  device_.set("State.Call", "idle");
+  struct Watcher {
+    std::vector<std::string> names;
+    std::set<std::string> keys;
+    std::unique_ptr<Process> process = nullptr;
 
-  device_.set("NET.General.Hostname", "lab");
-  device_.set("Audio.Volume", "7");
+    std::set<std::string> printed() const {
+      std::set<std::string> printed;
+      std::istringstream lines(process->output());
+      for (std::string time, change; lines >> time && std::getline(lines, change);) {
+        printed.insert(change.substr(1, change.find('=') - 1));
+      }
+      return printed;
+    }
+  };
+  const std::set<std::string> all = {"Audio.Ringtone", "Audio.Volume", "Pointless", "State.Call",
+                                     "State.New"};
+  Watcher watchers[] = {
+      {{}, all},
+      {{"%"}, all},
+      {{"Audio.Volume"}, {"Audio.Volume"}},
+      {{"AUDIO", "state"}, {"Audio.Ringtone", "Audio.Volume", "State.Call", "State.New"}},
+      {{"Audio.[A-R]%"}, {"Audio.Ringtone"}},
+      {{"%Volume", "State.Call"}, {"Audio.Volume", "State.Call"}},
+      {{"State.C%"}, {"State.Call"}},
+      {{"Pointless"}, {"Pointless"}},
+      {{"--allow-unknown", "State.New", "Audio.Nothing"}, {"State.New"}},
+  };
+  for (Watcher& watcher : watchers) {
+    std::vector<std::string> command = {PROPCTL, "watch", "--no-old"};
+    command.insert(command.end(), watcher.names.begin(), watcher.names.end());
+    watcher.process =
+        std::make_unique<Process>(command, directory_.path(std::to_string(&watcher - watchers)));
+  }
 
-  ASSERT_TRUE(printsAtLast("Audio.Volume=7"));
-  EXPECT_EQ(watcher_->output().find("NET."), std::string::npos);
+  int turn = 0;
+  EXPECT_TRUE(eventually([&] {
+    ++turn;
+    for (const std::string& key : all) {
+      device_.set(key, std::to_string(turn % 10));
+    }
+    return std::ranges::all_of(watchers,
+                               [](const Watcher& watcher) { return watcher.printed() == watcher.keys; });
+  }));
+
+  for (const Watcher& watcher : watchers) {
+    EXPECT_EQ(watcher.printed(), watcher.keys) << ::testing::PrintToString(watcher.names);
+  }
+}
+
+TEST_F(PropctlWatch, refusesANameThatStandsForNothing) {
+  for (const char* name : {"Audio.Loudness", "Loudness", "Video.%", "'[%'", "State.Call", "audio/any"}) {
+    const Outcome outcome = propctl(std::string("watch Audio.Volume ") + name);
+
+    EXPECT_EQ(outcome.status, 1) << name;
+    EXPECT_THAT(outcome.errors, ContainsRegex(": no such key or group, and nothing matches; ")) << name;
+  }
 }
 
 TEST_F(PropctlWatch, printsThatAKeyWasRemoved) {
@@ -137,11 +190,25 @@ TEST_F(PropctlWatch, saysThatTheDaemonIsAway) {
   device_.stop();
 
   EXPECT_EQ(propctl("watch"),
-            failed(3, "propctl: PropertyService at localhost:1883 is away: nothing was sent\n"));
+            failed(3, "propctl: localhost:1883: PropertyService is not running; nothing was sent\n"));
 }
 
-TEST_F(PropctlWatch, refusesAGroupThatIsNoPartOfATopic) {
-  EXPECT_EQ(propctl("watch audio/any"), failed(2, "propctl: no group: \"audio/any\"\n"));
+TEST_F(PropctlWatch, tellsThatDaemonAndBrokerGoAndComeBackAndReadsAgain) {
+  watch({});
+  auto rows = Device::defaultRows();
+  rows.front().value = "8";
+  device_.writeScript(rows);
+
+  device_.stop();
+  ASSERT_TRUE(printsAtLast(" localhost:1883: PropertyService is not running\n"));
+  device_.start({"--force-db-init"});
+  EXPECT_TRUE(printsAtLast(" localhost:1883: PropertyService is running again\n"));
+  EXPECT_TRUE(printsAtLast("Audio.Volume=8 (was 5)\n"));
+
+  device_.broker().stop();
+  ASSERT_TRUE(printsAtLast(" localhost:1883: the connection to the broker is lost\n"));
+  device_.broker().start();
+  EXPECT_TRUE(printsAtLast(" localhost:1883: connected to the broker again"));
 }
 
 TEST_F(PropctlWatch, goesOnAfterTheBrokerHasBeenRestarted) {

@@ -303,7 +303,8 @@ TEST_F(PropctlWrites, tellsHowManyAreWrittenWhenTheDaemonIsAway) {
 
   EXPECT_EQ(
       shell("echo P_VOLUME=9 | propctl load -"),
-      failed(3, "0 of 1 written\npropctl: PropertyService at localhost:1883 is away: nothing was sent\n"));
+      failed(3,
+             "0 of 1 written\npropctl: localhost:1883: PropertyService is not running; nothing was sent\n"));
 }
 
 TEST_F(PropctlWrites, triesAFileWithoutWriting) {

@@ -67,7 +67,7 @@ _propctl() {
       get | set | describe) options+=' --by' ;;
       load) options+=' --by --dry-run' ;;
       list) options+=' --columns --changed' ;;
-      watch) options+=' --no-old --count' ;;
+      watch) options+=' --allow-unknown --no-old --count' ;;
       ping) options+=' --count' ;;
       backup) options+=' --all' ;;
     esac
@@ -83,7 +83,13 @@ _propctl() {
       COMPREPLY=("${COMPREPLY[@]/%/=}")
       compopt -o nospace
       ;;
-    watch) mapfile -t COMPREPLY < <(_propctl_keys | cut -d. -f1 | sort -u) ;;
+    watch)
+      if [[ $current == *.* ]]; then
+        mapfile -t COMPREPLY < <(_propctl_keys)
+      else
+        mapfile -t COMPREPLY < <(_propctl_keys | cut -d. -f1 | sort -u)
+      fi
+      ;;
     prepare) _propctl_offer 'version-change factory-reset' ;;
     load | check) _propctl_offer_files ;;
   esac

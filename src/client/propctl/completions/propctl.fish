@@ -35,6 +35,7 @@ end
 
 function __propctl_groups
     __propctl_keys | string replace -r '\..*' '' | sort -u
+    string match -q '*.*' -- (commandline -ct); and __propctl_keys
 end
 
 set -l commands get set reset list describe watch dump load backup restore sysdump prepare ping check devices
@@ -82,6 +83,7 @@ complete -c propctl -n '__propctl_seen load check' -F
 complete -c propctl -n '__propctl_seen get set describe load' -l by -x -a 'key web provisioning' -d 'What names are'
 complete -c propctl -n '__propctl_seen list' -l columns -x -d 'Columns, separated by commas'
 complete -c propctl -n '__propctl_seen list' -l changed -d 'Only what differs from its default'
+complete -c propctl -n '__propctl_seen watch' -l allow-unknown -d 'Also names that stand for nothing yet'
 complete -c propctl -n '__propctl_seen watch' -l no-old -d 'Leave out the value before'
 complete -c propctl -n '__propctl_seen watch ping' -l count -x -d 'So many'
 complete -c propctl -n '__propctl_seen load' -l dry-run -d 'Write nothing'
