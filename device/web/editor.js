@@ -1,4 +1,4 @@
-// What an open row shows: the value's field with the service's answer beside it, and all that is known of the property.
+// An open row: the value's field with the service's answer beside it, and all that is known of the property.
 
 import { element } from './element.js';
 import { differs, isReadOnly, isState } from './properties.js';

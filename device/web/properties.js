@@ -1,10 +1,10 @@
-// What the page knows of the properties, and which of them it shows.
+// The properties that the page knows, and those of them that it shows.
 
 const MOST_ROWS = 256; // in any script of the basic plane their values and defaults stay within a reply's 1 MiB
 
 const keyOrder = new Intl.Collator('en', { numeric: true });
 
-/** What stands before the first "."; empty for a key without one. */
+/** Returns the part before the first "."; empty for a key without one. */
 export function groupOf(key) {
   return key.slice(0, Math.max(key.indexOf('.'), 0));
 }

@@ -17,7 +17,7 @@ export function commandLine(property) {
   return `propctl ${verb} ${/^[\w.,:/=@%+-]+$/.test(text) ? text : `'${text.replaceAll("'", "'\\''")}'`}`;
 }
 
-/** What flags a property has: [{ name, meaning }]. */
+/** Returns the flags of a property: [{ name, meaning }]. */
 export function flagsOf(property) {
   return FLAGS.filter(({ bit }) => property.flags & bit);
 }
@@ -69,7 +69,7 @@ export function rulesOf(property) {
   return rules;
 }
 
-/** What the service's answer to `value` means, with the rule that it broke. */
+/** Explains the service's answer to `value`, with the rule that it broke. */
 export function explain(status, property, value) {
   switch (status) {
     case 'Ok':

@@ -59,7 +59,7 @@ class PythonExample : public testing::Test {
  protected:
   PythonExample() { device_.start(); }
 
-  /// What it says to one command, and how it ends.
+  /// Returns its output for one command, and how it ends.
   static std::string volume(const std::string& arguments) {
     return run({"sh", "-c", std::string(kProgram) + ' ' + arguments + " 2>&1; echo $?"});
   }

@@ -17,10 +17,10 @@ constexpr std::size_t kDeepest = 100;
 constexpr std::size_t kMostOptionalGroups = 16;
 constexpr std::size_t kMostOperators = 12;
 
-/// What the C library takes for an operator behind a backslash, besides the back-references.
+/// Characters that a backslash makes operators of the C library, besides the back-references.
 constexpr std::string_view kOperators = "wWsSbB<>`'";
 
-/// The offset behind the bracket expression that begins at `offset`.
+/// The offset after the bracket expression that begins at `offset`.
 std::size_t skipBrackets(std::string_view text, std::size_t offset) {
   std::size_t at = offset + 1;
   at += text.substr(at).starts_with('^') ? 1 : 0;
@@ -110,7 +110,7 @@ std::size_t timesOf(std::string_view interval) {
   return std::min(std::max(least + 1, most), kMostCopies + 1);
 }
 
-/// Adds the piece that begins at `offset`; returns the offset behind it.
+/// Adds the piece that begins at `offset`; returns the offset after it.
 std::size_t addPiece(std::string_view text, std::size_t offset, Copies& copies) {
   switch (text[offset]) {
     case '[':

@@ -36,7 +36,7 @@ class Source {
 /// Text of a file as a finding shows it: in quotes, in ASCII, and not at any length.
 std::string inQuotes(std::string_view text);
 
-/// What was found so far. Of one file, it keeps the first thousand.
+/// The findings so far. Of one file, it keeps the first thousand.
 class Findings {
  public:
   void error(const Source& source, std::size_t line, std::string text);

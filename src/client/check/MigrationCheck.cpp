@@ -156,7 +156,7 @@ class RuleReader {
     }
   }
 
-  /// What it refuses must not pass here.
+  /// Sees to it that nothing passes here that the daemon refuses.
   void expectTheDaemonAgrees() {
     try {
       propertyservice::parseMigration(source_.text());

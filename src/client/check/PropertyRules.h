@@ -18,8 +18,8 @@ struct Complaint {
 
 using Complaints = std::vector<Complaint>;
 
-/// What is wrong with a row of the table, taken by itself: its key and other names, its rules, and its value
-/// and default by the rules of the daemon.
+/// Reports what is wrong with a row of the table, taken by itself: its key and other names, its rules, and
+/// its value and default by the rules of the daemon.
 Complaints complaintsAbout(const propertyservice::Property& row);
 
 /// How many characters the table counts in it.

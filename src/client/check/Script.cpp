@@ -28,7 +28,7 @@ constexpr sqlite3_int64 kMostMemory = 256 << 20;
 constexpr const char* kNote = "propctl_note";
 constexpr const char* kForgetTrigger = "DROP TRIGGER IF EXISTS temp.propctl_note";
 
-/// What only the shell that runs the script on the device has.
+/// Functions that only the shell has that runs the script on the device.
 constexpr std::array<std::string_view, 6> kShellOnly = {"generate_series", "regexp", "readfile", "sha3",
                                                         "decimal",         "base64"};
 

@@ -14,7 +14,7 @@ class Database;
 
 namespace check {
 
-/// What a database script makes, in memory.
+/// The table that a database script makes, in memory.
 struct Script {
   /// How much SQLite has worked on it; it stops when that is too much. Outlives the database.
   std::shared_ptr<int> looks = std::make_shared<int>(0);

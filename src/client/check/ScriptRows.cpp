@@ -25,7 +25,7 @@ namespace column = propertyservice::column;
 
 constexpr const char* kDeviceName = "NET.General.DeviceNameInNetwork";
 
-/// What start-up reads or fills in besides.
+/// Keys that start-up reads or fills in besides.
 constexpr std::array<const char*, 9> kDeviceFacts = {
     "NET.MAC.Address",
     "System.General.Variant.Name",
@@ -38,7 +38,7 @@ constexpr std::array<const char*, 9> kDeviceFacts = {
     "System.Debug.LevelMask.PROP-SRV",
 };
 
-/// What the daemon would read as a number from a column that is declared for numbers.
+/// Texts that the daemon would read as a number from a column that is declared for numbers.
 constexpr const char* kOddIntegers =
     "SELECT key, name, cell, CAST(cell AS INTEGER) FROM (SELECT key, 'range_min' AS name, range_min AS cell "
     "FROM settings "

@@ -58,7 +58,8 @@ Options complete(Options options) {
   return options;
 }
 
-/// Groups as the daemon spells them. Throws `std::invalid_argument` for a group that is no part of a topic.
+/// Groups as the daemon spells them. Throws `std::invalid_argument` for a group that cannot be part of a
+/// topic.
 std::set<std::string> readNames(const std::vector<std::string>& names) {
   std::set<std::string> watched;
   for (const std::string& name : names) {

@@ -13,12 +13,12 @@
 /// The client's side of the bus: what a program of the device links to read, write and watch properties.
 namespace propclient {
 
-/// What became of a request.
+/// The outcome of a request.
 enum class Status {
   ok,                ///< Done; for a write also: the value was equal already.
   notFound,          ///< No such property, or nothing matched the pattern.
   regExpError,       ///< The value does not match the property's expression.
-  valueError,        ///< The value is not in the property's list, or is no text that can be stored.
+  valueError,        ///< The value is not in the property's list, or is not a text that can be stored.
   valueOutOfBounds,  ///< The value is not a number within the property's range.
   readOnly,          ///< The property cannot be written by requests.
   dbError,           ///< A store or a backup of the daemon failed.
@@ -33,7 +33,7 @@ enum class Status {
 /// `away`.
 const char* toText(Status status);
 
-/// What the names in a request are.
+/// The kind of the names in a request.
 enum class Field { key, web, provisioning };
 
 /// Columns of a property by their names ("key", "value", "flags", …), integers as decimal text. Columns that
@@ -111,7 +111,7 @@ class Client {
   /// client's own thread.
   using Progress = std::function<void(std::size_t read, std::size_t all)>;
 
-  /// Connects to nothing yet. Throws `std::invalid_argument` for a name or device that is no single topic
+  /// Connects to nothing yet. Throws `std::invalid_argument` for a name or device that is not a single topic
   /// level.
   explicit Client(Options options);
 
@@ -160,8 +160,8 @@ class Client {
   void list(const std::string& pattern, const std::vector<std::string>& columns, Field field,
             Callback<std::vector<Columns>> callback, const Progress& progress = {});
 
-  /// Writes several in one request. The daemon removes all blanks from names and values, and answers ok
-  /// unless every one failed; `setEach` does neither.
+  /// Writes several in one request. The daemon removes all blanks from names and values, and answers ok when
+  /// at least one changed, else the status of the last; `setEach` does neither.
   Answer<Nothing> setList(const Values& values, Field field = Field::key);
   void setList(const Values& values, Field field, Callback<Nothing> callback);
 

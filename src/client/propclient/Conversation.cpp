@@ -154,7 +154,7 @@ void Conversation::forgetBeforeMarker() {
   sent_.erase(sent_.begin(), last);
 }
 
-/// What was sent stays: its reply may still come, and must not be taken for the one to a later request.
+/// Keeps what was sent: its reply may still come, and must not be taken for the one to a later request.
 void Conversation::giveUp(Sent& sent, Deliveries& deliveries) {
   if (sent.kind == Sent::Kind::request) {
     sent.kind = Sent::Kind::forgotten;

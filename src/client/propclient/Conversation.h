@@ -25,13 +25,13 @@ class Conversation {
   /// drops what is too much without a word.
   static constexpr std::size_t kMostUnanswered = 20;
 
-  /// What waits beyond it is given up at once.
+  /// Requests that wait beyond it are given up at once.
   static constexpr std::size_t kMostBytes = 64U << 20;
 
   /// The daemon does not answer a longer request.
   static constexpr std::size_t kLongestText = 1U << 20;
 
-  /// `send` hands a text to the broker. `uniqueText` is no part of any key, and nobody else's.
+  /// `send` hands a text to the broker. `uniqueText` must not occur in a key or in another client's text.
   Conversation(std::function<void(const std::string& text)> send, std::string uniqueText);
 
   /// Sends a request, or lets it wait for a lost connection to come back. Before the first connection it is

@@ -19,7 +19,7 @@ struct Presence {
 
 /// The devices that have ever been connected to a central broker, by serial number.
 /// Connects as `options` say, but for `device`; `name` must be the controller's that the broker knows. Throws
-/// `ConnectionError` where there is no broker, or no whole list within the time-out. Blocks; any thread.
+/// `ConnectionError` without a broker, or without a whole list within the time-out. Blocks; any thread.
 std::map<std::string, Presence> knownDevices(const Options& options);
 
 }  // namespace propclient

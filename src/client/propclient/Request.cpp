@@ -37,7 +37,7 @@ const char* ownText(Status status) {
   return status == Status::away ? "Away" : "NoAnswer";
 }
 
-/// The answer that a reply holds; nothing where it is no reply to the request.
+/// The answer that a reply holds; nothing where it does not answer the request.
 template <typename T>
 using Reading = std::optional<Answer<T>>;
 
@@ -89,8 +89,8 @@ Reading<Nothing> readStatusReply(const Json::Value& reply) {
   return status ? Reading<Nothing>{{*status, {}}} : std::nullopt;
 }
 
-/// What the reply to a request for one property names: its key, which is not known where an alias was asked
-/// for.
+/// Returns the name in the reply to a request for one property: its key, which is not known where an alias
+/// was asked for.
 struct Named {
   std::string name;
   Field field;

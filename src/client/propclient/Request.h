@@ -13,10 +13,10 @@ namespace propclient {
 /// The call of a callback with its answer.
 using Delivery = std::function<void()>;
 
-/// What is sent to the daemon, and what becomes of the answer.
+/// A request to the daemon, with what to do with its answer.
 struct Request {
   std::string text;
-  std::function<Delivery(const Json::Value& reply)> read;  ///< Empty for what is no reply to this request.
+  std::function<Delivery(const Json::Value& reply)> read;  ///< Empty for a reply to another request.
   Delivery giveUp;                                         ///< With `noAnswer`.
   Delivery refuse;                                         ///< With `away`.
 };

@@ -29,7 +29,7 @@ struct Topics {
   std::string presence;
 };
 
-/// What is asked, answered and watched over one transport. For one thread alone.
+/// The requests, replies and watches of one transport. For one thread alone.
 class Session {
  public:
   using Done = std::function<void(const std::optional<std::string>& failure)>;

@@ -57,7 +57,7 @@ class Watch : public std::enable_shared_from_this<Watch> {
   enum class Reading { none, due, asked };
 
   struct Known {
-    Value value{};         ///< Nothing: there is no such property.
+    Value value{};         ///< Nothing for a property that does not exist.
     bool isNew = false;    ///< A "State." key that is watched by name and was not read yet.
     bool settled = false;  ///< Announcements have caught up with the latest reading.
     bool listed = false;   ///< The latest reading of the list has come to it.

@@ -17,7 +17,7 @@ using Names = std::vector<std::string>;
 /// The columns of the table that are meant: people may call "defaultvalues" "default".
 Names toColumns(Names names);
 
-/// Throw `Failure` for what is no column, and for a pattern.
+/// Throw `Failure` for an unknown column, and for a pattern.
 void requireColumns(const Names& columns);
 void requireOneName(const std::string& name);
 

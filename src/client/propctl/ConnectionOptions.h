@@ -19,7 +19,8 @@ struct ConnectionOptions {
   double timeout = 0;  ///< In seconds; 0: not given.
 };
 
-/// What the library takes. Without a time-out it is `defaultTimeout`. Throws `Failure`.
+/// Returns the options as the library takes them. Without a time-out it is `defaultTimeout`. Throws
+/// `Failure`.
 propclient::Options toOptions(const ConnectionOptions& given, std::chrono::milliseconds defaultTimeout);
 
 }  // namespace propctl

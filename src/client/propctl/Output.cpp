@@ -153,7 +153,7 @@ std::string Output::inColour(const char* colour, const std::string& text) const 
 
 void Output::giveUp(int reason) {
   if (reason == EPIPE) {
-    // Whoever read has had enough: end as any other program of a pipeline does. The client's thread, where
+    // The reader has had enough: end as any other program of a pipeline does. The client's thread, where
     // changes are printed, blocks all signals.
     std::signal(SIGPIPE, SIG_DFL);
     sigset_t pipe;

@@ -27,8 +27,9 @@ struct Row {
   bool marked = false;
 };
 
-/// What a command says: results on standard output, everything else on standard error. Not safe for
-/// concurrent use. What says a result throws `Failure` when it cannot be written, at the latest `flush`.
+/// The output of a command: results on standard output, everything else on standard error. Not safe for
+/// concurrent use. Functions that print a result throw `Failure` when it cannot be written, at the latest
+/// `flush`.
 class Output {
  public:
   Output(std::ostream& out, std::ostream& errors, Style style)

@@ -39,7 +39,7 @@ std::vector<Columns> listSorted(Session& session, const std::string& pattern, co
   return properties;
 }
 
-/// What "get" has found, in the order of the arguments.
+/// The findings of "get", in the order of the arguments.
 class Values {
  public:
   explicit Values(Session& session, Field field) : session_(session), field_(field) {}

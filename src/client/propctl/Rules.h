@@ -10,7 +10,7 @@ namespace propctl {
 using propclient::Columns;
 using propclient::Status;
 
-/// What the daemon would answer to a write of `value`, judged by its own rules. `property` has all columns.
+/// Returns the daemon's answer to a write of `value`, judged by its own rules. `property` has all columns.
 Status judge(const std::string& value, const Columns& property);
 
 /// Why a write of `value` was refused: the rule of `property` (empty where it is not known) that it breaks. A
@@ -21,7 +21,7 @@ std::string reasonFor(Status status, const std::string& value, const Columns& pr
 /// Whether `cautionFor` may have to say something, whatever the property is.
 bool mayNeedCaution(const std::string& value);
 
-/// What nobody may expect of a value that `property`, given with all columns, takes. Empty for most.
+/// Returns a caution about a value that `property`, given with all columns, takes. Empty for most.
 std::string cautionFor(const std::string& value, const Columns& property);
 
 /// Why there is nothing to read or to reset by `name`, which may be a pattern.

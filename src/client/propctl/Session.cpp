@@ -8,7 +8,7 @@ namespace propctl {
 
 namespace {
 
-/// Why there is no connection, and what to do about it.
+/// Returns the reason why the connection failed, and what to do about it.
 std::string withAdvice(std::string reason, const propclient::Options& options) {
   reason.erase(reason.find_last_not_of('.') + 1);
   const std::string advice = adviceOnRefusal(reason, options);

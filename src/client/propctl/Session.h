@@ -9,11 +9,11 @@
 
 namespace propctl {
 
-/// What to do about a broker that has refused a connection for `reason`, to be added to it; empty for any
+/// Returns advice about a broker that has refused a connection for `reason`, to be added to it; empty for any
 /// other reason.
 std::string adviceOnRefusal(const std::string& reason, const propclient::Options& options);
 
-/// What a command works with: a connection and a place to talk.
+/// The means of a command: a connection and an output.
 class Session {
  public:
   /// Connects. Throws `Failure`.

@@ -29,7 +29,7 @@ constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
 
-/// What stands behind the backslash, for the characters that have a letter of their own.
+/// The letters after the backslash, for the characters that have one of their own.
 constexpr std::pair<char, char> kLetters[] = {{'\\', '\\'}, {'\n', 'n'}, {'\r', 'r'}, {'\t', 't'}};
 
 bool isControl(char byte) {
@@ -83,10 +83,10 @@ char takeEscape(std::string_view& text) {
   return '\\';
 }
 
-/// What an error shows of a line.
+/// The length of the part of a line that an error shows.
 constexpr std::size_t kExcerpt = 80;
 
-/// Nothing in front of "=", or no "=" at all, is no assignment.
+/// An assignment has an "=" and something before it.
 bool isAssignment(const std::string& text) {
   const std::size_t equals = text.find('=');
   return equals != std::string::npos && equals != 0;

@@ -28,21 +28,21 @@ struct Assignment {
 std::vector<Assignment> toAssignments(const std::vector<std::string>& arguments);
 
 /// Fills in the values that are asked for, each with a line of standard input. A terminal shows the name, and
-/// not what is typed. Throws `Failure` (usage) where there is no line.
+/// not what is typed. Throws `Failure` (usage) at the end of the input.
 void readAskedValues(std::vector<Assignment>& assignments);
 
 /// The line "NAME=VALUE", with all escaped that would make another of it.
 std::string toLine(const Assignment& assignment);
 
-/// What "dump" writes: a line as of `toLine` each; empty lines and lines that begin with "#"
+/// Reads the output of "dump": a line as of `toLine` each; empty lines and lines that begin with "#"
 /// are skipped. Or a JSON object with texts, integers or booleans. Throws `Failure` with `source` and the
 /// line.
 std::vector<Assignment> readDump(const std::string& text, const std::string& source);
 
-/// What a file holds, without a mark of its byte order; "-": standard input. Throws `Failure`.
+/// Returns the contents of a file, without a mark of its byte order; "-": standard input. Throws `Failure`.
 std::string readText(const std::string& file);
 
-/// What "dump" has written to a file; "-": standard input.
+/// Returns what "dump" has written to a file; "-": standard input.
 std::vector<Assignment> readDumpFile(const std::string& file);
 
 std::string withoutBlanks(const std::string& text);  ///< At both ends.

@@ -58,8 +58,8 @@ void warn(Session& session, const Assignment& assignment, const Columns& propert
   }
 }
 
-/// What became of each. Complains of those that were not taken, and warns of what nobody may expect of the
-/// others, in the order in which they were given.
+/// Returns the outcome of each. Complains of those that were not taken, and warns of what nobody may expect
+/// of the others, in the order in which they were given.
 Json::Value tellOutcome(Session& session, const std::vector<Assignment>& assignments, Field field,
                         const std::map<std::string, Status>& statuses) {
   const auto isUnanswered = [](Status status) {

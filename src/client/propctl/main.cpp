@@ -31,7 +31,8 @@ Field toField(const std::string& name) {
 
 /// The arguments in the order that the parser wants, from the last to the first. It would take one in
 /// brackets, which may be a value, for a list, and forget a "--" that stands behind a value. So it sees
-/// neither: a NUL, which no argument can hold, stands in front of what is no option until the parser is done.
+/// neither: a NUL, which no argument can hold, stands before each argument that is not an option until the
+/// parser is done.
 std::vector<std::string> toParse(int argc, char** argv) {
   std::vector<std::string> arguments;
   bool optionsEnded = false;
@@ -77,7 +78,7 @@ void occupyStandardDescriptors() {
   }
 }
 
-/// What a command needs besides a session.
+/// The needs of a command besides a session.
 struct Needs {
   std::chrono::milliseconds timeout = kTimeout;
   std::function<void()> arguments = [] {};  ///< Throws `Failure` before anybody is asked.
@@ -138,7 +139,7 @@ class CommandLine {
  private:
   using OnSession = std::function<ExitStatus(Session&)>;
 
-  /// What is wrong, and what to do about it.
+  /// Returns what is wrong, and what to do about it.
   std::string complaintOf(const CLI::ParseError& error) const {
     std::string text = error.what();
     text.erase(text.find_last_not_of('\n') + 1);

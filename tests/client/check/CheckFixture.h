@@ -63,7 +63,7 @@ class CheckTest : public testing::Test {
 
 inline const std::string kTable = std::string(propertyservice::kCreateTable) + ";\n";
 
-/// What start-up needs.
+/// The rows that start-up needs.
 inline const std::string kNeededRows =
     "INSERT INTO settings (key, defaultvalues, flags) VALUES ('NVM.Version', '5', 1), "
     "('NET.General.DeviceNameInNetwork', 'Halcyon', 14), ('NET.MAC.Address', '', 5), "

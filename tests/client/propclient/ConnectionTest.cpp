@@ -24,7 +24,7 @@ using testing::StartsWith;
 constexpr auto kPatience = 20s;
 constexpr auto kShortly = 300ms;
 
-/// What `connect` throws; empty where it does not.
+/// Returns the text that `connect` throws; empty where it does not.
 std::string failureOf(const Options& options) {
   try {
     Client(options).connect();

@@ -83,7 +83,7 @@ class FakeDaemon : public Transport {
   bool hasAnnouncements() const { return !announcements_.empty(); }
   bool hasSent() const { return !sent_.empty(); }
 
-  /// What arrives next at the client; nothing where that has not subscribed to it.
+  /// Returns the next message at the client; nothing where that has not subscribed to it.
   std::optional<Message> arrive() {
     const Message message = sent_.front();
     sent_.pop_front();
@@ -91,7 +91,8 @@ class FakeDaemon : public Transport {
     return isOfAnyGroup || subscriptions.contains(message.topic) ? std::optional(message) : std::nullopt;
   }
 
-  /// What is under way is lost, and so is what is sent until it is back. Requests that arrived are served.
+  /// Loses the messages under way, and those that are sent until it is back. Requests that arrived are
+  /// served.
   void breakConnection() {
     connected_ = false;
     sent_.clear();

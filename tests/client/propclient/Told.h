@@ -10,7 +10,7 @@
 
 namespace propclient {
 
-/// What a watch tells, as "KEY OLD>NEW", with "-" for nothing. Safe from any thread.
+/// The changes that a watch tells, as "KEY OLD>NEW", with "-" for nothing. Safe from any thread.
 class Told {
  public:
   std::function<void(const Change&)> callback() {

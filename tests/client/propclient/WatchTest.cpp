@@ -298,7 +298,7 @@ TEST_F(WatchTest, tellsOfVolatileKeysFromTheirFirstAnnouncementOn) {
   EXPECT_THAT(told_, ElementsAre("State.Call ->ringing", "State.Call ringing>busy", "State.Call busy>-"));
 }
 
-// What overtakes what.
+// Messages that overtake others.
 
 TEST_F(WatchTest, countsAChangeBeforeTheFirstReadingToThePresentValues) {
   watch();

@@ -10,7 +10,7 @@ constexpr char kCompletions[] = SOURCE_DIRECTORY "/src/client/propctl/completion
 
 class PropctlCompletion : public ::testing::Test {
  protected:
-  /// What bash offers for the last of the words, in which it parts a line.
+  /// Returns what bash offers for the last of the words, in which it parts a line.
   static std::string inBash(const std::string& words) {
     return shell("complete() { :; }; compopt() { :; }\nsource " + std::string(kCompletions) +
                  "/propctl.bash\nCOMP_WORDS=(" + words +
@@ -19,8 +19,8 @@ class PropctlCompletion : public ::testing::Test {
         .output;
   }
 
-  /// What fish offers for the end of the line, without the explanations. Fish 4 also prints what only has the
-  /// letters of the last word somewhere.
+  /// Returns what fish offers for the end of the line, without the explanations. Fish 4 also prints what only
+  /// has the letters of the last word somewhere.
   std::string inFish(const std::string& line) const {
     return shell("HOME=" + directory_.path() +
                  " fish --no-config -c 'function propctl; " PROPCTL " $argv; end; source " + kCompletions +
@@ -29,7 +29,7 @@ class PropctlCompletion : public ::testing::Test {
         .output;
   }
 
-  /// What zsh makes of the line.
+  /// Returns what zsh makes of the line.
   std::string inZsh(const std::string& line) const {
     directory_.write(".zshrc", "fpath=(" + std::string(kCompletions) +
                                    " $fpath)\n"

@@ -40,7 +40,7 @@ class PropctlConnection : public ::testing::Test {
 
   std::string file(const std::string& name) const { return directory_.path(name); }
 
-  /// What it prints once the daemon is there.
+  /// Returns what it prints once the daemon is there.
   Outcome askUntilAnswered(const std::string& arguments) {
     Outcome outcome{};
     eventually([&] { return (outcome = propctl("--timeout 1 " + arguments)).status != 3; });

@@ -14,7 +14,7 @@
 
 namespace propertyservice::test {
 
-/// What a run of propctl has said, and how it ended.
+/// The output of a run of propctl, and how it ended.
 struct Outcome {
   int status;
   std::string output;

@@ -9,7 +9,7 @@
 namespace propertyservice::test {
 namespace {
 
-/// What a terminal gets to see of a command.
+/// Returns what a terminal shows of a command.
 std::string onTerminal(const std::string& command) {
   return shell("script --quiet --return --command '" + command + "' /dev/null").output;
 }

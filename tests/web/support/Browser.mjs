@@ -148,7 +148,7 @@ export class Page {
     return this.#browser.send('Target.closeTarget', { targetId: this.#targetId });
   }
 
-  /** What `question`, a function that is run in the page, gives for `args`: any JSON value. */
+  /** Returns what `question`, a function that is run in the page, gives for `args`: any JSON value. */
   async ask(question, ...args) {
     const expression = `(${question})(...${JSON.stringify(args)})`;
     const answer = await this.send('Runtime.evaluate', { expression, awaitPromise: true, returnByValue: true });

@@ -1,4 +1,4 @@
-// What tests ask the page: but for edit(), these functions are run in it.
+// Questions of the tests to the page: but for edit(), these functions are run in it.
 
 export const isRead = () => /of/.test(document.querySelector('#count').textContent);
 

@@ -14,7 +14,7 @@ _propctl_offer_files() {
   mapfile -t COMPREPLY < <(compgen -f -- "$current")
 }
 
-# What follows the last comma.
+# Offers columns for the text after the last comma.
 _propctl_offer_columns() {
   local before=''
   [[ $current != *,* ]] || before=${current%,*},
