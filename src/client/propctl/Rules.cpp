@@ -17,25 +17,25 @@
 #include "validators/ReadOnlyValidator.h"
 #include "validators/RegExpValidator.h"
 #include "wire/Columns.h"
+#include "wire/Flags.h"
 
 namespace propctl {
 
 namespace column = propertyservice::column;
+namespace flag = propertyservice::flag;
 using propertyservice::Property;
 
 namespace {
-
-constexpr unsigned kReadOnlyFlag = 1;
 
 bool has(const Columns& property, std::string_view column) {
   return property.contains(std::string(column));
 }
 
-unsigned flagsOf(const Columns& property) {
+int flagsOf(const Columns& property) {
   const std::string& text = columnOf(property, column::kFlags);
   int flags = 0;
   std::from_chars(text.data(), text.data() + text.size(), flags);
-  return static_cast<unsigned>(flags);
+  return flags;
 }
 
 Property toProperty(const std::string& value, const Columns& columns) {
@@ -155,7 +155,7 @@ bool mayNeedCaution(const std::string& value) {
 }
 
 std::string cautionFor(const std::string& value, const Columns& property) {
-  constexpr unsigned kInBackups = 0xfe;
+  constexpr int kInBackups = 0xfe;
   if (value.find('\n') != std::string::npos && (flagsOf(property) & kInBackups) != 0) {
     return value.find('\n' + std::string(propertyservice::kVersionMarker)) != std::string::npos
                ? "no backup can hold it: a restore takes its line with \"DatabaseVersion:\" for the end"
@@ -178,7 +178,7 @@ std::string whyNot(const std::string& name, Status status) {
 
 std::vector<std::string> rulesOf(const Columns& property) {
   std::vector<std::string> rules;
-  if ((flagsOf(property) & kReadOnlyFlag) != 0) {
+  if ((flagsOf(property) & flag::kReadOnly) != 0) {
     rules.emplace_back("read-only");
   }
   if (has(property, column::kRegexp)) {
@@ -194,9 +194,12 @@ std::vector<std::string> rulesOf(const Columns& property) {
 }
 
 std::string flagsInWords(const Columns& property) {
-  static constexpr std::pair<unsigned, const char*> kNames[] = {
-      {kReadOnlyFlag, "read-only"}, {2, "setting"}, {4, "dump"}, {8, "user"}, {16, "kept"}};
-  unsigned flags = flagsOf(property);
+  static constexpr std::pair<int, const char*> kNames[] = {{flag::kReadOnly, "read-only"},
+                                                           {flag::kSetting, "setting"},
+                                                           {flag::kDump, "dump"},
+                                                           {flag::kUser, "user"},
+                                                           {flag::kKept, "kept"}};
+  int flags = flagsOf(property);
   std::string words;
   const auto add = [&words](const std::string& word) { words += (words.empty() ? "" : ",") + word; };
   for (const auto& [bit, name] : kNames) {
