@@ -314,8 +314,9 @@ class Crowd {
 
   void killDaemon() {
     ++system_.daemon;
-    history_.kills.push_back(system_.now());
+    const Seconds begin = system_.now();
     device_.daemon().kill();
+    history_.kills.push_back({begin, system_.now()});
     device_.start();
     ++system_.daemon;
   }

@@ -99,9 +99,10 @@ class KeyCheck {
     return found == byValue_.end() ? kNone : found->second;
   }
 
+  /// The beginning of the first kill that was not over at that time.
   Seconds killAfter(Seconds time) const {
-    const auto kill = std::ranges::lower_bound(history_.kills, time);
-    return kill == history_.kills.end() ? kNever : *kill;
+    const auto kill = std::ranges::lower_bound(history_.kills, time, {}, &Kill::end);
+    return kill == history_.kills.end() ? kNever : kill->begin;
   }
 
   /// When the last of the writes was sent that were over before the read, and that no kill took.

@@ -11,6 +11,12 @@ namespace propertyservice::soak {
 /// Seconds since the start of the run.
 using Seconds = double;
 
+/// The daemon died some time between the two.
+struct Kill {
+  Seconds begin;
+  Seconds end;
+};
+
 /// The requests of the clients of one daemon, their answers and what they heard. Written values are all
 /// different, except the defaults that resets bring back.
 struct History {
@@ -50,7 +56,7 @@ struct History {
   std::vector<Write> writes;
   std::vector<Read> reads;
   std::vector<Watch> watches;
-  std::vector<Seconds> kills;  ///< When the daemon was killed, in order.
+  std::vector<Kill> kills;  ///< In order.
 };
 
 /// Returns up to `most` contradictions to these promises, one a line:

@@ -36,7 +36,7 @@ History withWatch(const std::vector<Announcement>& announcements, Seconds begin 
 }
 
 History killedAt(Seconds time, History history) {
-  history.kills = {time};
+  history.kills = {{time, time}};
   return history;
 }
 
