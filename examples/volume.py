@@ -49,7 +49,7 @@ class Properties:
             raise Failure("the connection to the broker is lost")
 
     def get(self, key):
-        """The value; None when there is no such property."""
+        """Returns the value, or None for an unknown property."""
         request = {"method": "getV", "param": key}
         return self._ask(request, lambda reply: "result" in reply or reply["status"] == "NotFound").get("result")
 
